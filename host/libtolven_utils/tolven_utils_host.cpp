@@ -1,0 +1,205 @@
+// Host implementation of libtolven_utils, the vendor utility library of the device, for machines
+// without its logging switches: the switches and the process identity come from environment
+// variables (see tolven_utils_host.h), and both syslog sinks write through Android's host liblog.
+
+#include "tolven_utils_host.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+
+#include <android/log.h>
+
+#include "tolven_diag_platform.h"
+
+#define EXPORT extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+constexpr unsigned kDefaultSyslogLevels = 1u << 1;
+constexpr int kNoInstance = 255;
+
+std::atomic<unsigned> g_syslog_levels{kDefaultSyslogLevels};
+std::atomic<unsigned> g_shell_levels{0};
+std::atomic<int> g_instance_id{kNoInstance};
+// The name is read from detached threads at any time, also during exit: never destroyed.
+std::mutex& g_name_lock = *new std::mutex;
+std::string& g_process_name = *new std::string;
+std::once_flag g_env_once;
+
+struct Capture {
+    std::mutex lock;
+    std::condition_variable changed;
+    std::vector<tolven_utils_host::Line> lines;
+    std::atomic<bool> active{false};
+    bool quiet = true;
+};
+Capture& g_capture = *new Capture;
+
+unsigned parse_levels(const char* text, unsigned fallback) {
+    if (text == nullptr) return fallback;
+    if (strcmp(text, "all") == 0) return ~0u;
+    if (strcmp(text, "none") == 0) return 0;
+    unsigned levels = 0;
+    const char* p = text;
+    while (*p != '\0') {
+        char* end = nullptr;
+        long level = strtol(p, &end, 10);
+        if (end == p || level < 0 || level > 31) return fallback;
+        levels |= 1u << level;
+        p = end;
+        if (*p == ',') ++p;
+    }
+    return levels;
+}
+
+void load_env() {
+    g_syslog_levels.store(parse_levels(getenv("TOLVEN_LOG_SYSLOG"), kDefaultSyslogLevels),
+                          std::memory_order_relaxed);
+    g_shell_levels.store(parse_levels(getenv("TOLVEN_LOG_SHELL"), 0), std::memory_order_relaxed);
+    const char* id = getenv("TOLVEN_INSTANCE_ID");
+    g_instance_id.store(id != nullptr ? atoi(id) : kNoInstance, std::memory_order_relaxed);
+    const char* name = getenv("TOLVEN_PROCESS_NAME");
+    std::lock_guard<std::mutex> lock(g_name_lock);
+    g_process_name = name != nullptr ? name : program_invocation_short_name;
+}
+
+void ensure_init() {
+    std::call_once(g_env_once, [] {
+        // Host liblog drops debug lines unless asked not to; the gates decide instead.
+        __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
+        load_env();
+    });
+}
+
+bool level_on(const std::atomic<unsigned>& levels, int level) {
+    ensure_init();
+    return level >= 0 && level < 32 && (levels.load(std::memory_order_relaxed) >> level) & 1u;
+}
+
+// Returns true when the line is kept from liblog.
+bool capture_line(int level, const char* text) {
+    if (!g_capture.active.load(std::memory_order_relaxed)) return false;
+    std::lock_guard<std::mutex> lock(g_capture.lock);
+    g_capture.lines.push_back({level, text});
+    g_capture.changed.notify_all();
+    return g_capture.quiet;
+}
+
+void write_line(int level, int priority, const char* fmt, va_list ap) {
+    ensure_init();
+    // Large enough for the longest hex dump line, so that it is formatted once.
+    char small[16384];
+    va_list copy;
+    va_copy(copy, ap);
+    int n = vsnprintf(small, sizeof(small), fmt, copy);
+    va_end(copy);
+    if (n < 0) return;
+    std::string big;
+    const char* text = small;
+    if (static_cast<size_t>(n) >= sizeof(small)) {
+        big.resize(static_cast<size_t>(n) + 1);
+        vsnprintf(big.data(), big.size(), fmt, ap);
+        text = big.c_str();
+    }
+    if (!capture_line(level, text)) __android_log_write(priority, TOLVEN_UTILS_LOG_TAG, text);
+}
+
+}  // namespace
+
+EXPORT bool tolven_hal_get_logcat_print_flag(int level) {
+    return level_on(g_syslog_levels, level);
+}
+
+EXPORT bool tolven_hal_get_shell_print_flag(int level) {
+    return level_on(g_shell_levels, level);
+}
+
+EXPORT int tolven_get_qcril_process_instance_id(void) {
+    ensure_init();
+    return g_instance_id.load(std::memory_order_relaxed);
+}
+
+EXPORT const char* tolven_get_current_pid_name(void) {
+    ensure_init();
+    // The pointer stays valid until the name is set again, which only tests and tools do.
+    std::lock_guard<std::mutex> lock(g_name_lock);
+    return g_process_name.c_str();
+}
+
+EXPORT void tolven_utils_syslog_dbg(const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    write_line(4, ANDROID_LOG_DEBUG, fmt, ap);
+    va_end(ap);
+}
+
+EXPORT void tolven_utils_syslog_err(const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    write_line(1, ANDROID_LOG_ERROR, fmt, ap);
+    va_end(ap);
+}
+
+EXPORT void tolven_utils_host_set_logcat_levels(unsigned levels) {
+    ensure_init();
+    g_syslog_levels.store(levels, std::memory_order_relaxed);
+}
+
+EXPORT void tolven_utils_host_set_shell_levels(unsigned levels) {
+    ensure_init();
+    g_shell_levels.store(levels, std::memory_order_relaxed);
+}
+
+EXPORT void tolven_utils_host_set_instance_id(int id) {
+    ensure_init();
+    g_instance_id.store(id, std::memory_order_relaxed);
+}
+
+EXPORT void tolven_utils_host_set_process_name(const char* name) {
+    ensure_init();
+    std::lock_guard<std::mutex> lock(g_name_lock);
+    g_process_name = name != nullptr ? name : program_invocation_short_name;
+}
+
+EXPORT void tolven_utils_host_reload_env(void) {
+    ensure_init();
+    load_env();
+}
+
+namespace tolven_utils_host {
+
+void start_capture(bool quiet) {
+    std::lock_guard<std::mutex> lock(g_capture.lock);
+    g_capture.lines.clear();
+    g_capture.quiet = quiet;
+    g_capture.active.store(true, std::memory_order_relaxed);
+}
+
+void stop_capture() {
+    g_capture.active.store(false, std::memory_order_relaxed);
+}
+
+std::vector<Line> captured() {
+    std::lock_guard<std::mutex> lock(g_capture.lock);
+    return g_capture.lines;
+}
+
+bool wait_for_line(const std::string& part, std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> lock(g_capture.lock);
+    return g_capture.changed.wait_for(lock, limit, [&] {
+        for (const Line& line : g_capture.lines) {
+            if (line.text.find(part) != std::string::npos) return true;
+        }
+        return false;
+    });
+}
+
+}  // namespace tolven_utils_host
