@@ -1,0 +1,16 @@
+#!/bin/sh
+# The library defines exactly the exports of its version script, needs the three platform
+# libraries, and leaves their functions to the dynamic linker.
+lib=$1
+map=$2
+expected=$(sed -n 's/^ *\([a-z_A-Z0-9]*\);$/\1/p' "$map" | sort)
+defined=$(nm -D --defined-only "$lib" | awk '{print $3}' | sort)
+[ "$expected" = "$defined" ] || { echo "defined: $defined"; exit 1; }
+for so in libdiag.so libtolven_utils.so libproperties.so; do
+    readelf -d "$lib" | grep -q "(NEEDED).*\[$so\]" || { echo "does not need $so"; exit 1; }
+done
+! readelf -d "$lib" | grep -q SYMBOLIC || { echo "imports bound at link time"; exit 1; }
+for sym in Diag_LSM_Init diag_send_dci_async_req tolven_utils_syslog_dbg property_get; do
+    nm -D --undefined-only "$lib" | grep -qw "$sym" || { echo "$sym is not imported"; exit 1; }
+done
+echo "exports and imports match the contract"

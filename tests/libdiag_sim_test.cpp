@@ -1,0 +1,146 @@
+// The host libdiag simulator: its answer table, answer overrides, and delivery after release.
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "libdiag_sim.h"
+#include "tolven_diag_platform.h"
+
+namespace {
+
+using namespace libdiag_sim;
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+Bytes pattern_request(uint16_t n) {
+    return {0x4B, 0xFE, 0x02, 0x00, uint8_t(n), uint8_t(n >> 8)};
+}
+
+// Collects DCI pieces into a std::vector<Bytes>, read only after wait_idle.
+void on_dci(unsigned char* p, int len, void* data) {
+    static_cast<std::vector<Bytes>*>(data)->emplace_back(p, p + len);
+}
+
+int connect_client() {
+    EXPECT_TRUE(Diag_LSM_Init(nullptr));
+    int id = 0, signal = 18;
+    uint16_t list = 2;
+    EXPECT_EQ(kDciOk, diag_register_dci_client(&id, &list, 0, &signal));
+    return id;
+}
+
+struct LibdiagSim : ::testing::Test {
+    LibdiagSim() { reset(); }
+    ~LibdiagSim() override { reset(); }  // nothing may reach this test's state once it ends
+};
+
+TEST_F(LibdiagSim, AnswerTable) {
+    struct Case {
+        Bytes req;
+        size_t size;
+        Bytes lead;
+    } cases[] = {
+            {{0x00}, 55, {0x00, 'N', 'o', 'v'}},
+            {{0x7C}, 56, {0x7C, 0x02, 0x00, 0x00}},
+            {{0x1C}, 3, {0x1C, 0x08, 0x00}},
+            {{0x60, 0x01}, 3, {0x60, 0x00, 0x00}},
+            {{0x4B, 0xFE, 0x01, 0x00, 0xAA, 0xBB}, 6, {0x4B, 0xFE, 0x01, 0x00, 0xAA, 0xBB}},
+            {pattern_request(16), 20, {0x4B, 0xFE, 0x02, 0x00, 0x00, 0x01, 0x02}},
+            {pattern_request(0xFFFF), 16384, {0x4B, 0xFE, 0x02, 0x00, 0x00}},
+            {{0x4B, 0x21, 0x01, 0x00}, 11, {0x4B, 0x21, 0x01, 0x00, 0x00, 0x00}},
+            // errors echo the whole request after the code
+            {{0x99, 0x01}, 3, {0x13, 0x99, 0x01}},
+            {{0x4B, 0x77, 0x01, 0x00}, 5, {0x13, 0x4B, 0x77, 0x01, 0x00}},
+            {{0x60, 0x07}, 3, {0x14, 0x60, 0x07}},
+            {{0x1C, 0x00}, 3, {0x15, 0x1C, 0x00}},
+            {{0x4B, 0xFE}, 3, {0x15, 0x4B, 0xFE}},
+            {{0x4B, 0xFE, 0x02, 0x00, 0x01}, 6, {0x15, 0x4B, 0xFE, 0x02, 0x00, 0x01}},
+    };
+    auto modem = make_simulated_modem();
+    for (const Case& c : cases) {
+        Answer a = modem->answer(3, c.req);
+        ASSERT_EQ(1u, a.responses.size());
+        const Bytes& r = a.responses[0].bytes;
+        EXPECT_EQ(c.size, r.size()) << int(c.req[0]);
+        EXPECT_EQ(c.lead, Bytes(r.begin(), r.begin() + std::min(r.size(), c.lead.size())));
+    }
+    EXPECT_EQ(0x2B, modem->answer(0, pattern_request(300)).responses[0].bytes[4 + 299]);
+}
+
+TEST_F(LibdiagSim, OverridesFromCodeAndFileLongestPrefixWins) {
+    set_answer({0x4B}, Answer{{{0, {0xAA}, {}, {}}}});
+    set_answer({0x4B, 0xFE}, Answer{{{0, {0xBB}, {}, {}}, {0, {0xBC}, {}, {}}}});
+    std::string path = ::testing::TempDir() + "libdiag_sim_answers.txt";
+    std::ofstream(path) << "# overrides\n4B FE 01 -> none\n1C -> 1C 09 00 @ 0x1E  # newer\n\n"
+                           "4bfe0200->CC DD\nnot a line\n";
+    EXPECT_FALSE(load_answers(path));  // the bad line is reported, the rest still load
+    EXPECT_FALSE(load_answers(path + ".missing"));
+    remove(path.c_str());
+    struct Case {
+        Bytes req;
+        std::vector<Bytes> replies;
+        milliseconds at_least;
+    } cases[] = {
+            {{0x4B, 0xFE, 0x01, 0x00}, {}, {}},  // silent
+            {{0x4B, 0xFE, 0x03, 0x00}, {{0xBB}, {0xBC}}, {}},
+            {pattern_request(4), {{0xCC, 0xDD}}, {}},
+            {{0x4B, 0x21, 0x01, 0x00}, {{0xAA}}, {}},
+            {{0x1C}, {{0x1C, 0x09, 0x00}}, milliseconds(30)},
+            {{0x00, 0x00}, {{0x15, 0x00, 0x00}}, {}},  // the modem still answers the rest
+    };
+    int client = connect_client();
+    for (Case& c : cases) {
+        std::vector<Bytes> got;
+        Clock::time_point sent = Clock::now();
+        ASSERT_EQ(kDciOk, diag_send_dci_async_req(client, c.req.data(), int(c.req.size()), nullptr,
+                                                  0, on_dci, &got));
+        ASSERT_TRUE(wait_idle());
+        EXPECT_EQ(c.replies, got) << int(c.req[0]);
+        EXPECT_GE(Clock::now() - sent, c.at_least);
+    }
+}
+
+// A delivery that is running when the client goes away finishes first; nothing follows it.
+TEST_F(LibdiagSim, NothingIsDeliveredOnceReleaseOrDeInitReturns) {
+    enum Mode { kRelease, kDeInit, kReleaseInHandler };
+    struct Slow {
+        Mode mode;
+        int client;
+        std::atomic<int> calls{0};
+        std::atomic<bool> done{false};
+        int released = 0;
+    };
+    auto handler = [](unsigned char*, int, void* data) {
+        auto* s = static_cast<Slow*>(data);
+        if (s->calls++ > 0) return;
+        if (s->mode == kReleaseInHandler) {
+            s->released = diag_release_dci_client(&s->client);  // must not wait for itself
+        } else {
+            std::this_thread::sleep_for(milliseconds(50));  // widens the race window only
+        }
+        s->done = true;
+    };
+    for (Mode mode : {kRelease, kDeInit, kReleaseInHandler}) {
+        SCOPED_TRACE(mode);
+        reset();
+        Slow s{mode, connect_client()};
+        Bytes req = pattern_request(9996);  // three pieces
+        std::vector<unsigned char> rsp(4096);
+        ASSERT_EQ(kDciOk,
+                  diag_send_dci_async_req(s.client, req.data(), 6, rsp.data(), 4096, handler, &s));
+        if (mode != kReleaseInHandler) {
+            while (s.calls == 0) std::this_thread::yield();
+            EXPECT_TRUE(mode == kDeInit ? Diag_LSM_DeInit()
+                                        : diag_release_dci_client(&s.client) == kDciOk);
+            EXPECT_TRUE(s.done);
+        }
+        ASSERT_TRUE(wait_idle());
+        EXPECT_EQ(mode == kReleaseInHandler ? kDciOk : 0, s.released);
+        EXPECT_EQ(1, s.calls.load());
+    }
+}
+
+}  // namespace

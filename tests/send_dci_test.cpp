@@ -1,0 +1,325 @@
+// DCI transport: response check, wait timer, DCI handler, the synchronous send and the worker.
+
+#include <errno.h>
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include "libdiag_sim.h"
+#include "test_support.h"
+#include "tolven_diag_internal.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using libdiag_sim::Answer;
+using libdiag_sim::Bytes;
+using libdiag_sim::Response;
+using Names = std::vector<std::string>;
+using Args = std::vector<intptr_t>;
+
+const Bytes kVersionRequest = {0x00};
+
+std::string banner(int channel, const char* name, int len) {
+    return "================ response from " + std::to_string(channel) + "[" + name +
+           "], len = " + std::to_string(len) + " ========================";
+}
+
+TEST(ResponseCheck, ChannelBannerAndLimits) {
+    const Bytes piece = ramp(10241);
+    const int mdm = 1;
+    // Accepted up to 10240, though the dump stops at 4096.
+    const std::tuple<const uint8_t*, int, int, const char*> rows[] = {
+            {nullptr, 7, 1, "ptr is null"},
+            {piece.data(), 10240, 0, "print_data_with_hex, invalid data len(10240)"},
+            {piece.data(), 10241, 1, "Invalid parameter, len = 10241"},
+            {piece.data(), 0, 1, "Invalid parameter, len = 0"}};
+    for (const auto& [ptr, len, result, last] : rows) {
+        LogCapture log;
+        EXPECT_EQ(tolven_diag_cmd_response_check(ptr, len, &mdm), result);
+        EXPECT_EQ(log.messages(), (Names{banner(1, "MDM", len), last}));
+    }
+    LogCapture log;
+    EXPECT_EQ(tolven_diag_cmd_response_check(piece.data(), 1, nullptr), 0);
+    EXPECT_EQ(log.messages(), (Names{"context_data is null", banner(-1, "Unknown", 1),
+                                     "data hex show, len(1), data: 00"}));
+}
+
+// The timer body run on the test's thread: ticks, posts and the time-out flag.
+TEST(WaitTimer, TicksPostsAndFlag) {
+    struct Row {
+        bool waiting;
+        int limit, length, ticks, posts;
+        bool timed_out;
+    };
+    const Row rows[] = {
+            {true, 2, 0, 2, 1, true},       {true, 0, 0, 1, 1, true},  // at least one tick
+            {true, -3, 0, 1, 1, true},      {true, 2, 4097, 2, 1, true},
+            {true, 2, 4096, 2, 1, false},    // full pieces count as answered
+            {false, 30, 0, 1, 0, false},     // already released
+            {false, 30, 8192, 1, 1, false},  // released, yet one more post
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(::testing::Message() << "limit " << row.limit << " length " << row.length);
+        LogCapture log;
+        sem_init(&g_diag_rsp_sem, 0, 0);
+        g_diag_rsp_timed_out = false;
+        g_diag_rsp_waiting = row.waiting;
+        g_diag_cmd_time_100ms = row.limit;
+        g_qcril_diag_rsp_buf.length = row.length;
+        tolven_diag_cmd_send_with_result_wait_thread_proc(nullptr);
+        EXPECT_EQ(sem_posts(), row.posts);
+        EXPECT_EQ(g_diag_rsp_timed_out.load(), row.timed_out);
+        EXPECT_EQ(log.count("cnt_of_100ms = "), row.ticks);
+        sem_destroy(&g_diag_rsp_sem);
+    }
+}
+
+TEST_F(DiagTest, DciHandlerAppendsPiecesAndOnlyTheLastOnePosts) {
+    sem_init(&g_diag_rsp_sem, 0, 0);
+    tolven_diag_cmd_response_by_dci(nullptr, 4, nullptr);
+    EXPECT_TRUE(log.has("tolven_diag_cmd_response_check fail"));
+    EXPECT_EQ(g_qcril_diag_rsp_buf.data, nullptr);
+
+    g_qcril_diag_rsp_buf.length = 777;  // stale; the first piece overwrites it
+    Bytes whole = ramp(10000, 0x10);
+    size_t offset = 0;
+    for (size_t size : {4096, 4096, 1808}) {
+        EXPECT_EQ(sem_posts(), 0);
+        tolven_diag_cmd_response_by_dci(whole.data() + offset, static_cast<int>(size), nullptr);
+        offset += size;
+    }
+    EXPECT_EQ(sem_posts(), 1);
+    const tolven_diag_rsp_buf& buf = g_qcril_diag_rsp_buf;
+    EXPECT_EQ(Bytes(buf.data, buf.data + buf.length), whole);
+    // |prev| holds the content before the last append.
+    EXPECT_EQ(Bytes(buf.prev, buf.prev + 8192), Bytes(whole.begin(), whole.begin() + 8192));
+    // The code printed is the first byte of each piece.
+    EXPECT_EQ(log.count("response, cmd_code = 0x10, data_size = 4096"), 2);
+    EXPECT_TRUE(log.has("response, cmd_code = 0x10, data_size = 1808"));
+    free(buf.data);
+    free(buf.prev);
+}
+
+class DciSend : public DiagTest {};
+
+TEST_F(DciSend, VersionRequestRunsTheWholeSequence) {
+    SendOutcome out = send_packet(tolven_diag_cmd_send_with_result, kVersionRequest, 3000);
+    EXPECT_EQ(out.result, 0);
+    ASSERT_EQ(out.reply_len, 55);
+    EXPECT_EQ(out.reply[0], 0x00);
+
+    std::vector<libdiag_sim::Call> calls = libdiag_sim::journal();
+    ASSERT_EQ(libdiag_sim::journal_names(),
+              (Names{"Diag_LSM_Init", "diag_register_dci_client", "diag_register_dci_signal_data",
+                     "diag_get_dci_support_list_proc", "diag_register_dci_stream_proc",
+                     "diag_send_dci_async_req", "Diag_LSM_DeInit", "diag_release_dci_client"}));
+    const intptr_t client = calls[5].args[0];
+    EXPECT_EQ(calls[1].args, (Args{0, 2, 0, 18}));
+    EXPECT_EQ(calls[2].args, (Args{client, __libc_current_sigrtmin() + 30}));
+    EXPECT_EQ(calls[3].args, (Args{0}));
+    EXPECT_EQ(calls[4].args, (Args{client, fn_addr(tolven_diag_cmd_response_by_dci_log_stream),
+                                   fn_addr(tolven_diag_cmd_response_by_dci_event_stream)}));
+    EXPECT_EQ(calls[5].args, (Args{client, 1, 16384, fn_addr(tolven_diag_cmd_response_by_dci), 0}));
+    EXPECT_EQ(calls[5].data, kVersionRequest);
+    EXPECT_EQ(calls[7].args, (Args{client}));
+
+    // Shared steps log under the name of the send.
+    std::string text;
+    for (const auto& line : log.lines()) text += line.text + "\n";
+    for (const char* line : {"MPSS on ch:0: UP", "Dci Command time = 30",
+                             "req end, data_size = 55, g_qcril_diag_rsp_buf.length = 55, "
+                             "reply_len = 16384",
+                             "Releasing DCI connection, err: 1001"}) {
+        EXPECT_NE(text.find(std::string("] tolven_diag_cmd_send_with_result_by_dci_mode: ") + line),
+                  std::string::npos)
+                << line;
+    }
+    // The stored reply is freed, its length kept.
+    EXPECT_EQ(g_qcril_diag_rsp_buf.data, nullptr);
+    EXPECT_EQ(g_qcril_diag_rsp_buf.prev, nullptr);
+    EXPECT_EQ(g_qcril_diag_rsp_buf.length.load(), 55);
+    EXPECT_EQ(g_diag_cmd_time_100ms.load(), 30);
+    EXPECT_FALSE(g_diag_rsp_waiting.load());
+}
+
+struct SetupFailure {
+    const char* call;
+    const char* message;
+    bool released;
+};
+
+void PrintTo(const SetupFailure& f, std::ostream* os) {
+    *os << f.call;
+}
+
+class DciSetupFailure : public DiagTest, public ::testing::WithParamInterface<SetupFailure> {};
+
+TEST_P(DciSetupFailure, UndoesExactlyWhatWasDone) {
+    const SetupFailure& f = GetParam();
+    libdiag_sim::program_result(f.call, 1002, 1, EIO);
+    SendOutcome out =
+            send_packet(tolven_diag_cmd_send_with_result_by_dci_mode, kVersionRequest, 1000, 64);
+    EXPECT_EQ(out.result, 1);
+    EXPECT_EQ(out.reply_len, 64);  // untouched, and so is the buffer
+    EXPECT_EQ(out.reply, Bytes(64, 0xEE));
+    EXPECT_TRUE(log.has(f.message)) << f.message;
+
+    Names names = libdiag_sim::journal_names();
+    Names tail(std::find(names.begin(), names.end(), f.call) + 1, names.end());
+    Names expected_tail = {"Diag_LSM_DeInit"};
+    if (f.released) expected_tail.push_back("diag_release_dci_client");
+    EXPECT_EQ(tail, expected_tail);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+        Exits, DciSetupFailure,
+        ::testing::Values(
+                SetupFailure{"diag_register_dci_client",
+                             "Could not register with DCI, err: 1002, errno: 5 ch:0", false},
+                SetupFailure{"diag_register_dci_signal_data",
+                             "Could not register signal for DCI Data for ch:0, err: 1002, errno: 5",
+                             true},
+                SetupFailure{"diag_get_dci_support_list_proc",
+                             "Could not get support list for ch 0, err: 1002, errno: 5", true},
+                SetupFailure{"diag_register_dci_stream_proc",
+                             "Unable to register DCI stream for ch:0, err: 1002, errno: 5", true},
+                // The error code fills the "peripheral" field.
+                SetupFailure{"diag_send_dci_async_req",
+                             "Error sending SEND_REQUEST_ASYNC to peripheral 1002 for ch:0", true}),
+        [](const auto& info) { return std::string(info.param.call); });
+
+TEST_F(DciSend, RefusedParametersOrMpssDown) {
+    EXPECT_EQ(send_packet(tolven_diag_cmd_send_with_result, Bytes(4097), 1000).result, 1);
+    EXPECT_EQ(send_packet(tolven_diag_cmd_send_with_result, kVersionRequest, 1000, 0).result, 1);
+    EXPECT_TRUE(log.has("tolven_diag_comand_param_check fail"));
+    EXPECT_TRUE(log.has("tolven_diag_comand_output_check fail"));
+    EXPECT_TRUE(libdiag_sim::journal().empty());
+
+    // A modem reported down still gets the command.
+    libdiag_sim::set_support_list(0x0001);
+    EXPECT_EQ(send_packet(tolven_diag_cmd_send_with_result, kVersionRequest, 1000).result, 0);
+    EXPECT_TRUE(log.has("MPSS on ch:0: DOWN"));
+}
+
+TEST_F(DciSend, LongReplyComesBackWholeOrCutToTheCapacity) {
+    const Bytes request = {0x4B, 0xFE, 0x7F, 0x00};
+    const Bytes reply = ramp(10000, 0x4B);
+    libdiag_sim::set_answer(request, Answer{{Response{0, reply, {}, 0ms}}});
+
+    SendOutcome whole = send_packet(tolven_diag_cmd_send_with_result, request, 3000);
+    EXPECT_EQ(whole.result, 0);
+    EXPECT_EQ(whole.reply, reply);
+    EXPECT_EQ(log.count("response, cmd_code = "), 3);
+    EXPECT_LT(whole.elapsed, 3000ms);
+    let_wait_timer_end();
+
+    SendOutcome cut = send_packet(tolven_diag_cmd_send_with_result, request, 3000, 100);
+    EXPECT_EQ(cut.result, 0);
+    EXPECT_EQ(cut.reply, Bytes(reply.begin(), reply.begin() + 100));
+    EXPECT_TRUE(
+            log.has("req end, data_size = 100, g_qcril_diag_rsp_buf.length = 10000, "
+                    "reply_len = 100"));
+}
+
+TEST_F(DciSend, TimeOutHandsBackTheStaleLengthWithoutBytes) {
+    ASSERT_EQ(send_packet(tolven_diag_cmd_send_with_result, kVersionRequest, 3000).result, 0);
+    let_wait_timer_end();
+    libdiag_sim::set_answer({0x1C}, Answer{});
+    SendOutcome out = send_packet(tolven_diag_cmd_send_with_result, {0x1C}, 300);
+    EXPECT_EQ(out.result, 1);
+    EXPECT_GE(out.elapsed, 300ms - kClockSlack);
+    EXPECT_EQ(out.reply_len, 55);  // the previous reply's length, while its bytes are gone
+    EXPECT_EQ(out.reply, Bytes(55, 0xEE));
+    EXPECT_TRUE(log.has("stop waiting"));
+    EXPECT_FALSE(g_diag_rsp_timed_out.load());
+
+    // Time limits below one tick still wait one; the time-out does not leak into the next send.
+    for (int timeout_ms : {0, -250}) {
+        let_wait_timer_end();
+        out = send_packet(tolven_diag_cmd_send_with_result, {0x1C}, timeout_ms);
+        EXPECT_EQ(out.result, 1);
+        EXPECT_GE(out.elapsed, 100ms - kClockSlack);
+        EXPECT_TRUE(log.has("Dci Command time = " + std::to_string(timeout_ms / 100)));
+    }
+    let_wait_timer_end();
+    EXPECT_EQ(send_packet(tolven_diag_cmd_send_with_result, kVersionRequest, 3000).result, 0);
+}
+
+TEST_F(DciSend, FullPiecesAtTheLimitCountAsAnswered) {
+    const Bytes request = {0x4B, 0xFE, 0x7E, 0x00};
+    const Bytes first = ramp(4096, 0x4B);
+    // The rest comes too late; what arrived is a multiple of 4096 and so a success.
+    libdiag_sim::set_answer(
+            request, Answer{{Response{0, first, {}, 0ms}, Response{0, ramp(100), {}, 2000ms}}});
+    SendOutcome out = send_packet(tolven_diag_cmd_send_with_result, request, 300);
+    EXPECT_EQ(out.result, 0);
+    EXPECT_GE(out.elapsed, 300ms - kClockSlack);
+    EXPECT_EQ(out.reply, first);
+    EXPECT_TRUE(log.has("stop waiting, receive success, length is times of 4096"));
+}
+
+// The worker body, run on the test's thread.
+struct WorkerCase {
+    const char* name;
+    const char* failing_call;  // nullptr: none
+    long long failing_result;
+    size_t calls;  // how much of the full sequence is made
+    const char* message;
+};
+
+void PrintTo(const WorkerCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class DciWorker : public DiagTest, public ::testing::WithParamInterface<WorkerCase> {};
+
+const Names kFullWorker = {"Diag_LSM_Init",
+                           "diag_register_dci_client",
+                           "diag_register_dci_signal_data",
+                           "diag_get_dci_support_list_proc",
+                           "diag_register_dci_stream_proc",
+                           "diag_send_dci_async_req",
+                           "Diag_LSM_DeInit",
+                           "diag_release_dci_client"};
+
+TEST_P(DciWorker, ExitsAndTeardown) {
+    const WorkerCase& c = GetParam();
+    if (c.failing_call != nullptr) libdiag_sim::program_result(c.failing_call, c.failing_result);
+    auto start = std::chrono::steady_clock::now();
+    tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc(worker_request({0x7C}));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 3000ms - kClockSlack);
+
+    std::vector<libdiag_sim::Call> calls = libdiag_sim::journal();
+    Names names = libdiag_sim::journal_names();
+    Names expected(kFullWorker.begin(), kFullWorker.begin() + c.calls);
+    // A failure before the client exists closes the connection without a release.
+    if (c.calls == 2) expected.push_back("Diag_LSM_DeInit");
+    if (c.calls > 2 && c.calls < 6)
+        expected.insert(expected.end(), {"Diag_LSM_DeInit", "diag_release_dci_client"});
+    EXPECT_EQ(names, expected);
+    EXPECT_TRUE(log.has(c.message)) << c.message;
+    EXPECT_TRUE(log.has("will sleep 3s before quit"));
+    if (c.failing_call == nullptr) {
+        EXPECT_EQ(calls[4].args[1], fn_addr(tolven_diag_cmd_response_by_dci_log_stream_no_handle));
+        EXPECT_EQ(calls[5].args[3], fn_addr(tolven_diag_cmd_response_by_dci_no_handle));
+        EXPECT_EQ(calls[5].data, Bytes{0x7C});
+        // The modem got a second to answer before the connection closed.
+        EXPECT_GE(calls[6].at - calls[5].at, 1000ms - kClockSlack);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+        Paths, DciWorker,
+        ::testing::Values(WorkerCase{"InitFails", "Diag_LSM_Init", 0, 1, "LSM init failed"},
+                          WorkerCase{"ExitA", "diag_register_dci_client", 1002, 2,
+                                     "Could not register with DCI, err: 1002"},
+                          WorkerCase{"ExitB", "diag_get_dci_support_list_proc", 1002, 4,
+                                     "Releasing DCI connection, err: 1001"},
+                          WorkerCase{
+                                  "SendFails", "diag_send_dci_async_req", 1002, 8,
+                                  "Error sending SEND_REQUEST_ASYNC to peripheral 1002 for ch:0"},
+                          WorkerCase{"Success", nullptr, 0, 8, "len = 56"}),
+        [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
