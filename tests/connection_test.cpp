@@ -1,5 +1,4 @@
-// Process-wide state at load, and the counted open and the uncounted close of the diag
-// connection.
+// The counted open and the uncounted close of the diag connection.
 
 #include <gtest/gtest.h>
 
@@ -10,18 +9,6 @@
 namespace {
 
 using Names = std::vector<std::string>;
-
-TEST(SharedState, InitialValues) {
-    EXPECT_EQ(g_diag_cmd_time_100ms.load(), 30);
-    EXPECT_EQ(g_qcril_diag_rsp_buf.data, nullptr);
-    EXPECT_EQ(g_qcril_diag_rsp_buf.prev, nullptr);
-    EXPECT_EQ(g_qcril_diag_rsp_buf.length.load(), 0);
-    EXPECT_FALSE(g_diag_rsp_waiting.load() || g_diag_rsp_timed_out.load());
-    EXPECT_EQ(g_diag_init_status + diag_dci_error_type, 0);
-    EXPECT_EQ(g_diag_wait_thread, pthread_t{});
-    EXPECT_STREQ(g_diag_channel_name, "");
-    EXPECT_STREQ(g_diag_mask_name, "");
-}
 
 TEST_F(DiagTest, OpenCountsButCloseEndsAll) {
     libdiag_sim::program_result("Diag_LSM_Init", 0);

@@ -98,17 +98,6 @@ TEST_F(DiagTest, WorkersOfBothTransportsSerialise) {
     EXPECT_EQ(*(second_init - 1), "diag_release_dci_client");
 }
 
-TEST_F(DiagTest, WorkersWithoutRequestOnlyLinger) {
-    tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc(nullptr);
-    tolven_diag_cmd_send_without_result_by_callback_mode_thread_proc(nullptr);
-    EXPECT_TRUE(libdiag_sim::journal().empty());
-    const Names one = {"function entry ------------->", "param is null",
-                       "will sleep 3s before quit", "function exit <-------------"};
-    Names both = one;
-    both.insert(both.end(), one.begin(), one.end());
-    EXPECT_EQ(log.messages(), both);
-}
-
 TEST_F(DiagTest, RemoteModemQuery) {
     const std::tuple<uint16_t, int, const char*> rows[] = {{0x0000, 0, "remote_mask = 0"},
                                                            {0x0002, 0, "remote_mask = 2"},

@@ -113,8 +113,11 @@ TEST_F(DiagTest, CallbackSendFailureStartsNoTimerAndLeavesTheReply) {
     let_wait_timer_end();
     EXPECT_FALSE(log.has("cnt_of_100ms"));
 
+    // Refused parameters reach no diag call.
     EXPECT_EQ(send_packet(kSend, Bytes(4097), 300).result, 1);
+    EXPECT_EQ(send_packet(tolven_diag_cmd_send_with_result, kVersionRequest, 300, 0).result, 1);
     EXPECT_TRUE(log.has("tolven_diag_comand_param_check fail"));
+    EXPECT_TRUE(log.has("tolven_diag_comand_output_check fail"));
     EXPECT_EQ(libdiag_sim::journal_names().size(), names.size());
 }
 

@@ -8,7 +8,6 @@
 
 #include "test_support.h"
 #include "tolven_diag_internal.h"
-#include "tolven_diag_trace.h"
 #include "tolven_utils_host.h"
 
 namespace {
@@ -95,17 +94,6 @@ TEST(TraceLog, PrefixesSinksAndGates) {
         std::lock_guard<std::mutex> lock(g_id_lock);
         EXPECT_EQ(g_id_fetches, c.fetches);
     }
-}
-
-TEST(TraceLog, MacroIsOneStatement) {
-    static_assert(tolven_diag_base_name("plain.cpp")[0] == 'p');
-    LogCapture log;
-    bool flag = false;
-    if (flag)
-        TOLVEN_LOGD("taken");
-    else
-        TOLVEN_LOGD("not taken");
-    EXPECT_EQ(log.messages(), std::vector<std::string>{"not taken"});
 }
 
 }  // namespace
