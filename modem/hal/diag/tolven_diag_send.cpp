@@ -24,7 +24,7 @@ constexpr int kDciPieceLen = 4096;
 constexpr int kHexTextSize = 3 * kMaxCmdLen + 1;
 
 constexpr int kDciSuccess = 1001;
-constexpr int kDciProc = 0;
+constexpr int kLocalProc = 0;
 constexpr uint16_t kDciPeripheralMpss = 2;
 constexpr int kDciSignalType = 18;
 constexpr int kDciRspPktSize = 16384;
@@ -68,9 +68,8 @@ void wait_for_response() {
     }
 }
 
-// Hands at most |capacity| bytes of the stored response to |caller|'s caller, logging under
-// |caller|'s name; returns the count.
-int copy_out_response(const char* caller, uint8_t* reply_buf, int* reply_len, int capacity) {
+// Copies at most |capacity| bytes of the stored response to the caller; logs as |caller|.
+void copy_out_response(const char* caller, uint8_t* reply_buf, int* reply_len, int capacity) {
     int stored = g_qcril_diag_rsp_buf.length.load(std::memory_order_relaxed);
     int data_size = stored <= capacity ? stored : capacity;
     TOLVEN_LOGD_AS(caller,
@@ -81,7 +80,6 @@ int copy_out_response(const char* caller, uint8_t* reply_buf, int* reply_len, in
     if (data_size >= 1 && g_qcril_diag_rsp_buf.data != nullptr) {
         memcpy(reply_buf, g_qcril_diag_rsp_buf.data, data_size);
     }
-    return data_size;
 }
 
 void arm_wait(int ticks) {
@@ -111,14 +109,14 @@ DciSetup dci_client_setup(const char* caller, int* client_id, uint16_t* peripher
                           int* signal_type, diag_dci_stream_cb_t log_fn,
                           diag_dci_stream_cb_t event_fn) {
     // errno is read right after each call, before a log sink can change it.
-    int err = diag_register_dci_client(client_id, peripheral_list, kDciProc, signal_type);
+    int err = diag_register_dci_client(client_id, peripheral_list, kLocalProc, signal_type);
     int saved_errno = errno;
     if (err != kDciSuccess) {
         TOLVEN_LOGD_AS(caller, "Could not register with DCI, err: %d, errno: %d ch:%d", err,
-                       saved_errno, kDciProc);
+                       saved_errno, kLocalProc);
         return DciSetup::kNoClient;
     }
-    TOLVEN_LOGD_AS(caller, "Successfully registered with DCI for ch:%d, client ID = %d", kDciProc,
+    TOLVEN_LOGD_AS(caller, "Successfully registered with DCI for ch:%d, client ID = %d", kLocalProc,
                    *client_id);
 
     err = diag_register_dci_signal_data(*client_id, __libc_current_sigrtmin() + 30);
@@ -126,34 +124,34 @@ DciSetup dci_client_setup(const char* caller, int* client_id, uint16_t* peripher
     if (err != kDciSuccess) {
         TOLVEN_LOGD_AS(caller,
                        "Could not register signal for DCI Data for ch:%d, err: %d, errno: %d",
-                       kDciProc, err, saved_errno);
+                       kLocalProc, err, saved_errno);
         return DciSetup::kClientRegistered;
     }
 
-    TOLVEN_LOGD_AS(caller, "DCI Status on Processors for ch%d:", kDciProc);
-    err = diag_get_dci_support_list_proc(kDciProc, peripheral_list);
+    TOLVEN_LOGD_AS(caller, "DCI Status on Processors for ch%d:", kLocalProc);
+    err = diag_get_dci_support_list_proc(kLocalProc, peripheral_list);
     saved_errno = errno;
     if (err != kDciSuccess) {
-        TOLVEN_LOGD_AS(caller, "Could not get support list for ch %d, err: %d, errno: %d", kDciProc,
-                       err, saved_errno);
+        TOLVEN_LOGD_AS(caller, "Could not get support list for ch %d, err: %d, errno: %d",
+                       kLocalProc, err, saved_errno);
         return DciSetup::kClientRegistered;
     }
     // Informative only: a modem reported down still gets the command.
     if (*peripheral_list & kDciPeripheralMpss) {
-        TOLVEN_LOGD_AS(caller, "MPSS on ch:%d: UP", kDciProc);
+        TOLVEN_LOGD_AS(caller, "MPSS on ch:%d: UP", kLocalProc);
     } else {
-        TOLVEN_LOGD_AS(caller, "MPSS on ch:%d: DOWN", kDciProc);
+        TOLVEN_LOGD_AS(caller, "MPSS on ch:%d: DOWN", kLocalProc);
     }
 
-    TOLVEN_LOGD_AS(caller, "Opening Data Stream, registering listeners for ch:%d", kDciProc);
+    TOLVEN_LOGD_AS(caller, "Opening Data Stream, registering listeners for ch:%d", kLocalProc);
     err = diag_register_dci_stream_proc(*client_id, log_fn, event_fn);
     saved_errno = errno;
     if (err != kDciSuccess) {
         TOLVEN_LOGD_AS(caller, "Unable to register DCI stream for ch:%d, err: %d, errno: %d",
-                       kDciProc, err, saved_errno);
+                       kLocalProc, err, saved_errno);
         return DciSetup::kClientRegistered;
     }
-    TOLVEN_LOGD_AS(caller, "Sending Asynchronous Command for ch:%d", kDciProc);
+    TOLVEN_LOGD_AS(caller, "Sending Asynchronous Command for ch:%d", kLocalProc);
     return DciSetup::kOk;
 }
 
@@ -440,7 +438,7 @@ extern "C" int tolven_diag_cmd_send_with_result_by_callback_mode(const uint8_t* 
         tolven_diag_init_with_result();
         tolven_diag_register_callback(tolven_diag_cmd_response_by_callback);
         diag_switch_logging(kDiagLoggingCallbackMode, nullptr);
-        int ret_send = diag_callback_send_data(kDciProc, const_cast<uint8_t*>(data), data_len);
+        int ret_send = diag_callback_send_data(kLocalProc, const_cast<uint8_t*>(data), data_len);
         TOLVEN_LOGD("ret_send = %d, will wait callback", ret_send);
         if (ret_send != 0) {
             TOLVEN_LOGD("Fail to send diag cmd");
@@ -479,7 +477,7 @@ void* tolven_diag_cmd_send_without_result_by_callback_mode_thread_proc(void* par
         } else {
             tolven_diag_register_callback(tolven_diag_cmd_response_by_callback_no_handle);
             diag_switch_logging(kDiagLoggingCallbackMode, nullptr);
-            int ret_send = diag_callback_send_data(kDciProc, request->data, request->data_len);
+            int ret_send = diag_callback_send_data(kLocalProc, request->data, request->data_len);
             TOLVEN_LOGD("ret_send = %d, will wait callback", ret_send);
             // Answers get 200 ms; later ones are lost with the connection.
             usleep(200000);
@@ -604,7 +602,7 @@ extern "C" int tolven_diag_cmd_send_with_result_by_dci_mode(const uint8_t* data,
                                                       tolven_diag_cmd_response_by_dci, nullptr);
                     if (err != kDciSuccess) {
                         TOLVEN_LOGD("Error sending SEND_REQUEST_ASYNC to peripheral %d for ch:%d",
-                                    err, kDciProc);
+                                    err, kLocalProc);
                     } else {
                         // No range test here: below 100 ms the timer still waits one tick.
                         arm_wait(timeout_ms / kMsPerTick);
@@ -665,7 +663,7 @@ void* tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc(void* param) {
                     sleep(1);
                 } else {
                     TOLVEN_LOGD("Error sending SEND_REQUEST_ASYNC to peripheral %d for ch:%d", err,
-                                kDciProc);
+                                kLocalProc);
                 }
             }
             // The connection is closed before the client is released.
