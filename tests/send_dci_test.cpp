@@ -276,7 +276,11 @@ TEST_P(DciWorker, ExitsAndTeardown) {
         expected.insert(expected.end(), {"Diag_LSM_DeInit", "diag_release_dci_client"});
     EXPECT_EQ(names, expected);
     EXPECT_TRUE(log.has(c.message)) << c.message;
-    EXPECT_TRUE(log.has("will sleep 3s before quit"));
+    const std::string last = log.lines().back().text;
+    EXPECT_NE(last.find("] tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc: "
+                        "function exit"),
+              std::string::npos)
+            << last;
     if (c.failing_call == nullptr) {
         EXPECT_EQ(calls[4].args[1], fn_addr(tolven_diag_cmd_response_by_dci_log_stream_no_handle));
         EXPECT_EQ(calls[5].args[3], fn_addr(tolven_diag_cmd_response_by_dci_no_handle));

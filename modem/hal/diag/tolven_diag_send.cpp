@@ -162,6 +162,30 @@ void dci_client_release(const char* caller, int* client_id) {
     TOLVEN_LOGD_AS(caller, "Releasing DCI connection, err: %d, errno: %d", err, saved_errno);
 }
 
+// The frame of both fire-and-forget workers: one command at a time under the worker lock, on a
+// connection of the worker's own, and a linger after the unlock. Logs as |caller|.
+void* run_worker(const char* caller, void* param, void (*send)(const char*, WorkerRequest*)) {
+    TOLVEN_LOGD_AS(caller, "function entry ------------->");
+    pthread_mutex_lock(&g_diag_worker_lock);
+    auto* request = static_cast<WorkerRequest*>(param);
+    if (request == nullptr) {
+        TOLVEN_LOGD_AS(caller, "param is null");
+    } else {
+        TOLVEN_LOGD_AS(caller, "data_len = %d", request->data_len);
+        if (!Diag_LSM_Init(nullptr)) {
+            TOLVEN_LOGD_AS(caller, "LSM init failed");
+        } else {
+            send(caller, request);
+        }
+        free(request);
+    }
+    pthread_mutex_unlock(&g_diag_worker_lock);
+    TOLVEN_LOGD_AS(caller, "will sleep 3s before quit");
+    usleep(3000000);
+    TOLVEN_LOGD_AS(caller, "function exit <-------------");
+    return nullptr;
+}
+
 }  // namespace
 
 // Shared state. Flags and counters read across threads without a lock are relaxed atomics; the
@@ -464,33 +488,20 @@ extern "C" int tolven_diag_cmd_send_with_result_by_callback_mode(const uint8_t* 
     return result;
 }
 
+// Sends with the connection open; responses are only logged by the quiet handler.
+static void callback_worker_send(const char* caller, WorkerRequest* request) {
+    tolven_diag_register_callback(tolven_diag_cmd_response_by_callback_no_handle);
+    diag_switch_logging(kDiagLoggingCallbackMode, nullptr);
+    int ret_send = diag_callback_send_data(kLocalProc, request->data, request->data_len);
+    TOLVEN_LOGD_AS(caller, "ret_send = %d, will wait callback", ret_send);
+    // Answers get 200 ms; later ones are lost with the connection.
+    usleep(200000);
+    diag_switch_logging(kDiagLoggingUsbMode, nullptr);
+    Diag_LSM_DeInit();
+}
+
 void* tolven_diag_cmd_send_without_result_by_callback_mode_thread_proc(void* param) {
-    TOLVEN_LOG_ENTRY();
-    pthread_mutex_lock(&g_diag_worker_lock);
-    auto* request = static_cast<WorkerRequest*>(param);
-    if (request == nullptr) {
-        TOLVEN_LOGD("param is null");
-    } else {
-        TOLVEN_LOGD("data_len = %d", request->data_len);
-        if (!Diag_LSM_Init(nullptr)) {
-            TOLVEN_LOGD("LSM init failed");
-        } else {
-            tolven_diag_register_callback(tolven_diag_cmd_response_by_callback_no_handle);
-            diag_switch_logging(kDiagLoggingCallbackMode, nullptr);
-            int ret_send = diag_callback_send_data(kLocalProc, request->data, request->data_len);
-            TOLVEN_LOGD("ret_send = %d, will wait callback", ret_send);
-            // Answers get 200 ms; later ones are lost with the connection.
-            usleep(200000);
-            diag_switch_logging(kDiagLoggingUsbMode, nullptr);
-            Diag_LSM_DeInit();
-        }
-        free(request);
-    }
-    pthread_mutex_unlock(&g_diag_worker_lock);
-    TOLVEN_LOGD("will sleep 3s before quit");
-    usleep(3000000);
-    TOLVEN_LOG_EXIT();
-    return nullptr;
+    return run_worker(__func__, param, callback_worker_send);
 }
 
 // ---- DCI mode ----
@@ -630,54 +641,41 @@ extern "C" int tolven_diag_cmd_send_with_result_by_dci_mode(const uint8_t* data,
     return result;
 }
 
-void* tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc(void* param) {
-    TOLVEN_LOG_ENTRY();
+// Sends over a client of its own with the connection open, and closes it after one second.
+static void dci_worker_send(const char* caller, WorkerRequest* request) {
     uint16_t peripheral_list = kDciPeripheralMpss;
     int signal_type = kDciSignalType;
     int client_id = 0;
-    pthread_mutex_lock(&g_diag_worker_lock);
-    auto* request = static_cast<WorkerRequest*>(param);
-    if (request == nullptr) {
-        TOLVEN_LOGD("param is null");
+    auto* rsp_pkt = static_cast<unsigned char*>(malloc(kDciRspPktSize));
+    DciSetup setup = DciSetup::kNoClient;
+    if (rsp_pkt == nullptr) {
+        int saved_errno = errno;
+        TOLVEN_LOGD_AS(caller, "Unable to allocate memory for DCI rsp pkt, errno: %d", saved_errno);
     } else {
-        TOLVEN_LOGD("data_len = %d", request->data_len);
-        if (!Diag_LSM_Init(nullptr)) {
-            TOLVEN_LOGD("LSM init failed");
-        } else {
-            auto* rsp_pkt = static_cast<unsigned char*>(malloc(kDciRspPktSize));
-            DciSetup setup = DciSetup::kNoClient;
-            if (rsp_pkt == nullptr) {
-                int saved_errno = errno;
-                TOLVEN_LOGD("Unable to allocate memory for DCI rsp pkt, errno: %d", saved_errno);
-            } else {
-                setup = dci_client_setup(__func__, &client_id, &peripheral_list, &signal_type,
-                                         tolven_diag_cmd_response_by_dci_log_stream_no_handle,
-                                         tolven_diag_cmd_response_by_dci_event_stream_no_handle);
-            }
-            if (setup == DciSetup::kOk) {
-                int err = diag_send_dci_async_req(
-                        client_id, request->data, request->data_len, rsp_pkt, kDciRspPktSize,
-                        tolven_diag_cmd_response_by_dci_no_handle, nullptr);
-                if (err == kDciSuccess) {
-                    // The only time the modem gets to answer.
-                    sleep(1);
-                } else {
-                    TOLVEN_LOGD("Error sending SEND_REQUEST_ASYNC to peripheral %d for ch:%d", err,
-                                kLocalProc);
-                }
-            }
-            // The connection is closed before the client is released.
-            Diag_LSM_DeInit();
-            if (setup != DciSetup::kNoClient) dci_client_release(__func__, &client_id);
-            free(rsp_pkt);
-        }
-        free(request);
+        setup = dci_client_setup(caller, &client_id, &peripheral_list, &signal_type,
+                                 tolven_diag_cmd_response_by_dci_log_stream_no_handle,
+                                 tolven_diag_cmd_response_by_dci_event_stream_no_handle);
     }
-    pthread_mutex_unlock(&g_diag_worker_lock);
-    TOLVEN_LOGD("will sleep 3s before quit");
-    usleep(3000000);
-    TOLVEN_LOG_EXIT();
-    return nullptr;
+    if (setup == DciSetup::kOk) {
+        int err = diag_send_dci_async_req(client_id, request->data, request->data_len, rsp_pkt,
+                                          kDciRspPktSize, tolven_diag_cmd_response_by_dci_no_handle,
+                                          nullptr);
+        if (err == kDciSuccess) {
+            // The only time the modem gets to answer.
+            sleep(1);
+        } else {
+            TOLVEN_LOGD_AS(caller, "Error sending SEND_REQUEST_ASYNC to peripheral %d for ch:%d",
+                           err, kLocalProc);
+        }
+    }
+    // The connection is closed before the client is released.
+    Diag_LSM_DeInit();
+    if (setup != DciSetup::kNoClient) dci_client_release(caller, &client_id);
+    free(rsp_pkt);
+}
+
+void* tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc(void* param) {
+    return run_worker(__func__, param, dci_worker_send);
 }
 
 // ---- Public entry points ----
