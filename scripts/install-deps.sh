@@ -18,5 +18,6 @@ sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update
+# A third-party source that cannot be reached must not stop the install from Debian's own.
+$sudo apt-get update || echo "apt-get update reported errors; installing from what it fetched"
 $sudo apt-get install -y --no-install-recommends "${missing[@]}"
