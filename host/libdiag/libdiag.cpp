@@ -209,16 +209,15 @@ intptr_t fn_arg(F f) {
 class Sim {
   public:
     Sim() {
-        env_.delay = milliseconds(env_number("LIBDIAG_SIM_DELAY_MS", 0, 24 * 3600 * 1000));
-        env_.remote_mask = env_number("LIBDIAG_SIM_REMOTE_MASK", 0, 0xFFFF);
-        env_.support_list = env_number("LIBDIAG_SIM_SUPPORT_LIST", 0x0002, 0xFFFF);
-        env_.responders = env_number("LIBDIAG_SIM_RESPONDERS", 0, 0xFFFF);
+        settings.delay = milliseconds(env_number("LIBDIAG_SIM_DELAY_MS", 0, 24 * 3600 * 1000));
+        settings.remote_mask = env_number("LIBDIAG_SIM_REMOTE_MASK", 0, 0xFFFF);
+        settings.support_list = env_number("LIBDIAG_SIM_SUPPORT_LIST", 0x0002, 0xFFFF);
+        settings.responders = env_number("LIBDIAG_SIM_RESPONDERS", 0, 0xFFFF);
         if (const char* path = getenv("LIBDIAG_SIM_ANSWERS"); path && *path) {
-            parse_answers(path, &env_.answers);
+            parse_answers(path, &settings.answers);
         }
         const char* trace = getenv("LIBDIAG_SIM_TRACE");
         trace_ = trace != nullptr && strcmp(trace, "1") == 0;
-        settings = env_;
         backend = make_simulated_modem();
     }
 
@@ -418,7 +417,6 @@ class Sim {
         }
     }
 
-    Settings env_;
     bool trace_ = false;
 
     std::map<std::pair<Clock::time_point, uint64_t>, Delivery> queue_;
@@ -434,6 +432,14 @@ class Sim {
 Sim& sim() {
     static Sim* s = new Sim();
     return *s;
+}
+
+// Runs |f| on the simulator under its lock and returns what it returns.
+template <typename F>
+auto locked(F f) {
+    Sim& s = sim();
+    std::lock_guard<std::mutex> lk(s.mu);
+    return f(s);
 }
 
 // Argument positions printed as addresses.
@@ -486,9 +492,7 @@ void reset() {
 }
 
 std::vector<Call> journal() {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    return s.journal;
+    return locked([](Sim& s) { return s.journal; });
 }
 
 std::vector<std::string> journal_names() {
@@ -498,9 +502,7 @@ std::vector<std::string> journal_names() {
 }
 
 void clear_journal() {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    s.journal.clear();
+    locked([](Sim& s) { s.journal.clear(); });
 }
 
 void program_result(const std::string& call, long long result, int times, int err) {
@@ -514,9 +516,7 @@ void program_result(const std::string& call, long long result, int times, int er
 }
 
 void set_answer(const Bytes& request_prefix, const Answer& answer) {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    s.settings.answers[request_prefix] = answer;
+    locked([&](Sim& s) { s.settings.answers[request_prefix] = answer; });
 }
 
 bool load_answers(const std::string& path) {
@@ -529,9 +529,7 @@ bool load_answers(const std::string& path) {
 }
 
 void clear_answers() {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    s.settings.answers.clear();
+    locked([](Sim& s) { s.settings.answers.clear(); });
 }
 
 void set_backend(std::unique_ptr<Backend> backend) {
@@ -543,27 +541,19 @@ void set_backend(std::unique_ptr<Backend> backend) {
 }
 
 void set_answer_delay(milliseconds delay) {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    s.settings.delay = delay;
+    locked([&](Sim& s) { s.settings.delay = delay; });
 }
 
 void set_remote_mask(uint16_t mask) {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    s.settings.remote_mask = mask;
+    locked([&](Sim& s) { s.settings.remote_mask = mask; });
 }
 
 void set_support_list(uint16_t list) {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    s.settings.support_list = list;
+    locked([&](Sim& s) { s.settings.support_list = list; });
 }
 
 void set_remote_responders(uint16_t mask) {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    s.settings.responders = mask;
+    locked([&](Sim& s) { s.settings.responders = mask; });
 }
 
 namespace {
@@ -599,15 +589,11 @@ bool wait_idle(milliseconds limit) {
 }
 
 bool connected() {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    return s.connected;
+    return locked([](Sim& s) { return s.connected; });
 }
 
 int logging_mode() {
-    Sim& s = sim();
-    std::lock_guard<std::mutex> lk(s.mu);
-    return s.logging_mode;
+    return locked([](Sim& s) { return s.logging_mode; });
 }
 
 }  // namespace libdiag_sim
