@@ -1,12 +1,26 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages that the build, the tests and the benchmarks need, if missing.
+# Installs the Debian 12 packages that a group of jobs needs, if missing.
+#   scripts/install-deps.sh [GROUP...]     groups: base (default), fuzz
 set -euo pipefail
 
-packages=(
-    build-essential cmake ninja-build binutils
-    googletest libgtest-dev libgmock-dev libbenchmark-dev
-    android-liblog-dev android-libbase-dev
-)
+groups=("$@")
+[ ${#groups[@]} -eq 0 ] && groups=(base)
+
+packages=()
+for g in "${groups[@]}"; do
+    case $g in
+        base)
+            packages+=(build-essential cmake ninja-build binutils
+                googletest libgtest-dev libgmock-dev libbenchmark-dev
+                android-liblog-dev android-libbase-dev) ;;
+        fuzz)
+            # libFuzzer and its FuzzedDataProvider.h come with clang's runtime.
+            packages+=(clang-14 libclang-rt-14-dev) ;;
+        *)
+            echo "install-deps: unknown group '$g'" >&2
+            exit 2 ;;
+    esac
+done
 
 missing=()
 for p in "${packages[@]}"; do
