@@ -25,6 +25,8 @@ struct Outcome {
 // Runs the tool through the shell with |env| on top of an environment free of logging and
 // simulator settings; stderr goes to a file so that only stdout can fill up and stall the child.
 Outcome run_tool(const std::vector<std::string>& args, const std::string& env) {
+    const char* emulator_env = getenv("TOLVEN_TEST_EMULATOR");
+    const std::string emulator = emulator_env != nullptr ? emulator_env : "";
     for (char** e = environ; *e != nullptr;) {
         std::string var = *e;
         bool ours = var.rfind("TOLVEN_", 0) == 0 || var.rfind("LIBDIAG_SIM_", 0) == 0;
@@ -34,7 +36,7 @@ Outcome run_tool(const std::vector<std::string>& args, const std::string& env) {
             ++e;
     }
     std::string err_path = ::testing::TempDir() + "tool_test_err_" + std::to_string(getpid());
-    std::string cmd = env + " '" TOLVEN_DIAG_TOOL "'";
+    std::string cmd = env + " " + emulator + " '" TOLVEN_DIAG_TOOL "'";
     for (const std::string& a : args) cmd += " '" + a + "'";
     Outcome r;
     FILE* out = popen((cmd + " 2>'" + err_path + "'").c_str(), "r");
