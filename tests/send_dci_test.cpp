@@ -25,32 +25,41 @@ std::string banner(int channel, const char* name, int len) {
            "], len = " + std::to_string(len) + " ========================";
 }
 
-// The timer body run on the test's thread: ticks, posts and the time-out flag.
+// The timer body run on the test's thread: ticks, posts and the time-out flag. A timer times only
+// the command that started it (|own|: its command is the one armed last).
 TEST(WaitTimer, TicksPostsAndFlag) {
     struct Row {
-        bool waiting;
+        bool own, waiting;
         int limit, length, ticks, posts;
         bool timed_out;
     };
     const Row rows[] = {
-            {true, 2, 0, 2, 1, true},       {true, 0, 0, 1, 1, true},  // at least one tick
-            {true, -3, 0, 1, 1, true},      {true, 2, 4097, 2, 1, true},
-            {true, 2, 4096, 2, 1, false},    // full pieces count as answered
-            {false, 30, 0, 1, 0, false},     // already released
-            {false, 30, 8192, 1, 1, false},  // released, yet one more post
+            {true, true, 2, 0, 2, 1, true},
+            {true, true, 0, 0, 1, 1, true},  // one tick
+            {true, true, -3, 0, 1, 1, true},
+            {true, true, 2, 4097, 2, 1, true},
+            {true, true, 2, 4096, 2, 1, false},  // full pieces count as answered
+            {true, false, 30, 0, 1, 0, false},   // already released
+            {true, false, 30, 8192, 1, 0, false},
+            {false, true, 1, 0, 1, 0, false},  // a later command is not this timer's
+            {false, true, 1, 4096, 1, 0, false},
     };
     for (const Row& row : rows) {
-        SCOPED_TRACE(::testing::Message() << "limit " << row.limit << " length " << row.length);
+        SCOPED_TRACE(::testing::Message() << "own " << row.own << " waiting " << row.waiting
+                                          << " limit " << row.limit << " length " << row.length);
         LogCapture log;
         sem_init(&g_diag_rsp_sem, 0, 0);
         g_diag_rsp_timed_out = false;
         g_diag_rsp_waiting = row.waiting;
         g_diag_cmd_time_100ms = row.limit;
+        g_diag_cmd_seq = 7;
         g_qcril_diag_rsp_buf.length = row.length;
-        tolven_diag_cmd_send_with_result_wait_thread_proc(nullptr);
+        tolven_diag_cmd_send_with_result_wait_thread_proc(
+                reinterpret_cast<void*>(static_cast<uintptr_t>(row.own ? 7 : 6)));
         EXPECT_EQ(sem_posts(), row.posts);
         EXPECT_EQ(g_diag_rsp_timed_out.load(), row.timed_out);
         EXPECT_EQ(log.count("cnt_of_100ms = "), row.ticks);
+        EXPECT_TRUE(log.has("function exit <-------------"));
         sem_destroy(&g_diag_rsp_sem);
     }
 }

@@ -30,6 +30,8 @@ extern pthread_mutex_t g_qcril_diag_rsp_lock;
 extern std::atomic<bool> g_diag_rsp_waiting;
 extern std::atomic<bool> g_diag_rsp_timed_out;
 extern std::atomic<int32_t> g_diag_cmd_time_100ms;
+// Counts the synchronous commands that armed a wait; a wait timer times only its own.
+extern std::atomic<uint32_t> g_diag_cmd_seq;
 extern int32_t g_diag_init_status;
 extern pthread_t g_diag_wait_thread;
 extern char g_diag_channel_name[kDiagChannelNameSize];
@@ -46,8 +48,9 @@ int tolven_diag_comand_output_check(uint8_t* reply_buf, int* p_reply_len);
 // Checks and dumps one response piece; |context_data| names its channel (null: -1).
 int tolven_diag_cmd_response_check(const uint8_t* ptr, int len, const int* context_data);
 
-// Starts the detached 100 ms tick timer that ends a synchronous wait.
-void tolven_diag_cmd_send_with_result_wait_create_thread(void);
+// Starts the detached 100 ms tick timer that ends the wait of the command armed last; returns
+// the result of the thread creation. The timer's argument is that command's g_diag_cmd_seq.
+int tolven_diag_cmd_send_with_result_wait_create_thread(void);
 void* tolven_diag_cmd_send_with_result_wait_thread_proc(void* arg);
 
 // Callback mode.

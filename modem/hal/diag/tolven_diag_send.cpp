@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "tolven_diag.h"
@@ -62,14 +63,44 @@ struct WorkerRequest {
     uint8_t data[];
 };
 
-void wait_for_response() {
-    // The DCI client registers a real-time signal; a signal must not end the wait early.
-    while (sem_wait(&g_diag_rsp_sem) != 0 && errno == EINTR) {
-    }
+// Frees the stored blocks; |length| stays. Caller holds g_qcril_diag_rsp_lock.
+void free_stored_response() {
+    free(g_qcril_diag_rsp_buf.prev);
+    g_qcril_diag_rsp_buf.prev = nullptr;
+    free(g_qcril_diag_rsp_buf.data);
+    g_qcril_diag_rsp_buf.data = nullptr;
 }
 
-// Copies at most |capacity| bytes of the stored response to the caller; logs as |caller|.
-void copy_out_response(const char* caller, uint8_t* reply_buf, int* reply_len, int capacity) {
+// Waits for the handler or the timer. Without a timer the command's own limit plus one tick is
+// the deadline, and missing it is a time-out: the caller holds the command lock and must return.
+void wait_for_response(bool timer_started, int ticks) {
+    // The DCI client registers a real-time signal; a signal must not end the wait early.
+    if (timer_started) {
+        while (sem_wait(&g_diag_rsp_sem) != 0 && errno == EINTR) {
+        }
+        return;
+    }
+    timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    const long long wait_ns = (static_cast<long long>(ticks > 0 ? ticks : 0) + 1) * kTickUs * 1000;
+    deadline.tv_sec += wait_ns / 1000000000;
+    deadline.tv_nsec += wait_ns % 1000000000;
+    if (deadline.tv_nsec >= 1000000000) {
+        deadline.tv_sec++;
+        deadline.tv_nsec -= 1000000000;
+    }
+    int rc;
+    while ((rc = sem_clockwait(&g_diag_rsp_sem, CLOCK_MONOTONIC, &deadline)) != 0 &&
+           errno == EINTR) {
+    }
+    if (rc != 0) g_diag_rsp_timed_out.store(true, std::memory_order_relaxed);
+}
+
+// Copies at most |capacity| bytes of the stored response to the caller; logs as |caller|. A DCI
+// send empties the store afterwards (|free_after|).
+void copy_out_response(const char* caller, uint8_t* reply_buf, int* reply_len, int capacity,
+                       bool free_after) {
+    pthread_mutex_lock(&g_qcril_diag_rsp_lock);
     int stored = g_qcril_diag_rsp_buf.length.load(std::memory_order_relaxed);
     int data_size = stored <= capacity ? stored : capacity;
     TOLVEN_LOGD_AS(caller,
@@ -80,16 +111,32 @@ void copy_out_response(const char* caller, uint8_t* reply_buf, int* reply_len, i
     if (data_size >= 1 && g_qcril_diag_rsp_buf.data != nullptr) {
         memcpy(reply_buf, g_qcril_diag_rsp_buf.data, data_size);
     }
+    if (free_after) free_stored_response();
+    pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
 }
 
+// Arming and disarming happen under the store's lock, where a timer makes its final decision:
+// a timer of an earlier command then sees that its command is over.
 void arm_wait(int ticks) {
+    pthread_mutex_lock(&g_qcril_diag_rsp_lock);
+    g_diag_cmd_seq.fetch_add(1, std::memory_order_relaxed);
     g_diag_rsp_waiting.store(true, std::memory_order_relaxed);
     g_diag_cmd_time_100ms.store(ticks, std::memory_order_relaxed);
+    pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
 }
 
 void disarm_wait() {
+    pthread_mutex_lock(&g_qcril_diag_rsp_lock);
     g_diag_rsp_waiting.store(false, std::memory_order_relaxed);
     g_diag_cmd_time_100ms.store(kDiagCmdTime100msDefault, std::memory_order_relaxed);
+    pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
+}
+
+// Starts the timer and waits; the command is disarmed when this returns.
+void wait_with_timer(int ticks) {
+    bool timer_started = tolven_diag_cmd_send_with_result_wait_create_thread() == 0;
+    wait_for_response(timer_started, ticks);
+    disarm_wait();
 }
 
 // Result of a wait that has been copied out: 1 when the timer flagged a time-out.
@@ -198,6 +245,7 @@ pthread_mutex_t g_qcril_diag_rsp_lock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<bool> g_diag_rsp_waiting;
 std::atomic<bool> g_diag_rsp_timed_out;
 std::atomic<int32_t> g_diag_cmd_time_100ms{kDiagCmdTime100msDefault};
+std::atomic<uint32_t> g_diag_cmd_seq;
 int32_t g_diag_init_status;
 pthread_t g_diag_wait_thread;
 char g_diag_channel_name[kDiagChannelNameSize];
@@ -299,43 +347,56 @@ extern "C" int tolven_diag_is_mdm_supported(void) {
 
 // ---- Response wait timer ----
 
-void tolven_diag_cmd_send_with_result_wait_create_thread(void) {
+int tolven_diag_cmd_send_with_result_wait_create_thread(void) {
     TOLVEN_LOG_ENTRY();
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    // The timer is told which command it times; called under the command lock, after arming.
+    void* cmd = reinterpret_cast<void*>(
+            static_cast<uintptr_t>(g_diag_cmd_seq.load(std::memory_order_relaxed)));
     int conf = pthread_create(&g_diag_wait_thread, &attr,
-                              tolven_diag_cmd_send_with_result_wait_thread_proc, nullptr);
+                              tolven_diag_cmd_send_with_result_wait_thread_proc, cmd);
     if (conf == 0) pthread_setname_np(g_diag_wait_thread, kThreadName);
     pthread_attr_destroy(&attr);
     TOLVEN_LOGD("tolven daig is created, conf = %d", conf);
     TOLVEN_LOG_EXIT();
+    return conf;
 }
 
-void* tolven_diag_cmd_send_with_result_wait_thread_proc(void* /*arg*/) {
+void* tolven_diag_cmd_send_with_result_wait_thread_proc(void* arg) {
     TOLVEN_LOG_ENTRY();
+    const uint32_t cmd = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
     int n = 0;
     bool waiting;
-    int limit;
+    int limit = 0;
     do {
         usleep(kTickUs);
         TOLVEN_LOGD("tolven_diag_cmd_send_with_result_wait_thread_proc, cnt_of_100ms = %d", n + 1);
-        waiting = g_diag_rsp_waiting.load(std::memory_order_relaxed);
+        // A later command's flag and limit are not this timer's.
+        waiting = g_diag_cmd_seq.load(std::memory_order_relaxed) == cmd &&
+                  g_diag_rsp_waiting.load(std::memory_order_relaxed);
         n++;
-        limit = g_diag_cmd_time_100ms.load(std::memory_order_relaxed);
+        if (waiting) limit = g_diag_cmd_time_100ms.load(std::memory_order_relaxed);
     } while (waiting && n < limit);
 
-    int len = g_qcril_diag_rsp_buf.length.load(std::memory_order_relaxed);
-    if (len != 0 && (len & (kDciPieceLen - 1)) == 0) {
-        // A response made only of full pieces never ends itself: count it as answered.
-        TOLVEN_LOGD("stop waiting, receive success, length is times of 4096");
-        sem_post(&g_diag_rsp_sem);
-    } else if (n >= limit && waiting) {
-        TOLVEN_LOGD("stop waiting");
-        // Set before the post, so that the woken sender cannot miss it.
-        g_diag_rsp_timed_out.store(true, std::memory_order_relaxed);
-        sem_post(&g_diag_rsp_sem);
+    // Decided under the store's lock, where the sender disarms: a released command gets no post.
+    pthread_mutex_lock(&g_qcril_diag_rsp_lock);
+    if (g_diag_cmd_seq.load(std::memory_order_relaxed) == cmd &&
+        g_diag_rsp_waiting.load(std::memory_order_relaxed) && n >= limit) {
+        int len = g_qcril_diag_rsp_buf.length.load(std::memory_order_relaxed);
+        if (len != 0 && (len & (kDciPieceLen - 1)) == 0) {
+            // A response made only of full pieces never ends itself: count it as answered.
+            TOLVEN_LOGD("stop waiting, receive success, length is times of 4096");
+            sem_post(&g_diag_rsp_sem);
+        } else {
+            TOLVEN_LOGD("stop waiting");
+            // Set before the post, so that the woken sender cannot miss it.
+            g_diag_rsp_timed_out.store(true, std::memory_order_relaxed);
+            sem_post(&g_diag_rsp_sem);
+        }
     }
+    pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
     TOLVEN_LOG_EXIT();
     return nullptr;
 }
@@ -429,9 +490,11 @@ int tolven_diag_cmd_response_by_callback(unsigned char* ptr, int len, void* cont
         } else {
             // A response replaces the stored one; it is never appended.
             memcpy(block, ptr, len);
+            pthread_mutex_lock(&g_qcril_diag_rsp_lock);
             free(g_qcril_diag_rsp_buf.data);
             g_qcril_diag_rsp_buf.data = block;
             g_qcril_diag_rsp_buf.length.store(len, std::memory_order_relaxed);
+            pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
             TOLVEN_LOGD("callback, cmd_code = 0x%02x, data_size = %d", ptr[0], len);
             sem_post(&g_diag_rsp_sem);
             result = 0;
@@ -471,13 +534,11 @@ extern "C" int tolven_diag_cmd_send_with_result_by_callback_mode(const uint8_t* 
                 TOLVEN_LOGD("Time out is invalid, set default");
                 timeout_ms = kCallbackTimeoutDefaultMs;
             }
-            arm_wait(timeout_ms / kMsPerTick);
-            TOLVEN_LOGD("Command time = %d * 100ms",
-                        g_diag_cmd_time_100ms.load(std::memory_order_relaxed));
-            tolven_diag_cmd_send_with_result_wait_create_thread();
-            wait_for_response();
-            disarm_wait();
-            copy_out_response(__func__, reply_buf, reply_len, capacity);
+            const int ticks = timeout_ms / kMsPerTick;
+            arm_wait(ticks);
+            TOLVEN_LOGD("Command time = %d * 100ms", ticks);
+            wait_with_timer(ticks);
+            copy_out_response(__func__, reply_buf, reply_len, capacity, false);
             result = take_timed_out_result();
         }
         diag_switch_logging(kDiagLoggingUsbMode, nullptr);
@@ -608,6 +669,10 @@ extern "C" int tolven_diag_cmd_send_with_result_by_dci_mode(const uint8_t* data,
                 tolven_diag_deinit_with_result();
             } else {
                 if (setup == DciSetup::kOk) {
+                    // The reply starts a response of its own, never appended to an older one.
+                    pthread_mutex_lock(&g_qcril_diag_rsp_lock);
+                    free_stored_response();
+                    pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
                     int err = diag_send_dci_async_req(client_id, const_cast<uint8_t*>(data),
                                                       data_len, rsp_pkt, kDciRspPktSize,
                                                       tolven_diag_cmd_response_by_dci, nullptr);
@@ -616,17 +681,11 @@ extern "C" int tolven_diag_cmd_send_with_result_by_dci_mode(const uint8_t* data,
                                     err, kLocalProc);
                     } else {
                         // No range test here: below 100 ms the timer still waits one tick.
-                        arm_wait(timeout_ms / kMsPerTick);
-                        TOLVEN_LOGD("Dci Command time = %d",
-                                    g_diag_cmd_time_100ms.load(std::memory_order_relaxed));
-                        tolven_diag_cmd_send_with_result_wait_create_thread();
-                        wait_for_response();
-                        disarm_wait();
-                        copy_out_response(__func__, reply_buf, reply_len, capacity);
-                        free(g_qcril_diag_rsp_buf.prev);
-                        g_qcril_diag_rsp_buf.prev = nullptr;
-                        free(g_qcril_diag_rsp_buf.data);
-                        g_qcril_diag_rsp_buf.data = nullptr;
+                        const int ticks = timeout_ms / kMsPerTick;
+                        arm_wait(ticks);
+                        TOLVEN_LOGD("Dci Command time = %d", ticks);
+                        wait_with_timer(ticks);
+                        copy_out_response(__func__, reply_buf, reply_len, capacity, true);
                         result = take_timed_out_result();
                     }
                 }
@@ -707,6 +766,8 @@ int tolven_diag_cmd_send_without_result_start_thread(const uint8_t* data, int da
             pthread_attr_destroy(&attr);
             TOLVEN_LOGD("tolven daig is created, conf = %d, diag_work_mode = %d", conf,
                         diag_work_mode);
+            // Nobody else will free it.
+            if (conf != 0) free(request);
             TOLVEN_LOGD("Will wait 1s, wait_cnt = %d(max:%d)", 0, 0);
             usleep(1000000);
             result = 0;
