@@ -35,8 +35,8 @@ std::string last_message() {
 
 std::string expected_dump(const uint8_t* data, int len) {
     if (data == nullptr) return "print_data_with_hex, data is null";
-    if (len < 1 || len > 4096) return "print_data_with_hex, invalid data len(" +
-                                      std::to_string(len) + ")";
+    if (len < 1 || len > 4096)
+        return "print_data_with_hex, invalid data len(" + std::to_string(len) + ")";
     std::string text = "data hex show, len(" + std::to_string(len) + "), data: ";
     char pair[4];
     for (int i = 0; i < len; ++i) {
@@ -79,11 +79,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     static const char* const kChannels[] = {"MSM", "MDM", "MDM_2"};
     const char* name = tolven_print_diag_channel_name(channel);
     require(name == g_diag_channel_name, "channel buffer");
-    check_buffer(name, kDiagChannelNameSize, channel >= 0 && channel <= 2 ? kChannels[channel]
-                                                                          : "Unknown");
+    check_buffer(name, kDiagChannelNameSize,
+                 channel >= 0 && channel <= 2 ? kChannels[channel] : "Unknown");
 
-    static const char* const kMasks[] = {" APSS",  " MPSS",    " LPASS",
-                                         " WCNSS", " SENSORS", " WDSP"};
+    static const char* const kMasks[] = {" APSS", " MPSS", " LPASS", " WCNSS", " SENSORS", " WDSP"};
     const char* want = "";
     for (int bit = 0; bit < 6; ++bit) {
         if (mask & (1u << bit)) {
