@@ -32,6 +32,9 @@ extern std::atomic<bool> g_diag_rsp_timed_out;
 extern std::atomic<int32_t> g_diag_cmd_time_100ms;
 // Counts the synchronous commands that armed a wait; a wait timer times only its own.
 extern std::atomic<uint32_t> g_diag_cmd_seq;
+// Wait timers and workers started and not yet ended. Counted up by their creator, down by the
+// thread's body as it returns, so a test that calls a body on its own thread counts it up first.
+extern std::atomic<int32_t> g_diag_live_threads;
 extern int32_t g_diag_init_status;
 extern pthread_t g_diag_wait_thread;
 extern char g_diag_channel_name[kDiagChannelNameSize];
@@ -63,3 +66,8 @@ int tolven_diag_cmd_send_without_result_start_thread(const uint8_t* data, int da
                                                      int diag_work_mode);
 void* tolven_diag_cmd_send_without_result_by_callback_mode_thread_proc(void* param);
 void* tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc(void* param);
+
+// Tests only: waits up to |limit_ms| for the library's own threads to end, then puts every
+// process-wide variable back to its value at load (freeing the stored response). False when a
+// thread was still running.
+bool tolven_diag_reset_for_test(int limit_ms);

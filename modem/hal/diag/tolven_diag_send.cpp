@@ -230,6 +230,7 @@ void* run_worker(const char* caller, void* param, void (*send)(const char*, Work
     TOLVEN_LOGD_AS(caller, "will sleep 3s before quit");
     usleep(3000000);
     TOLVEN_LOGD_AS(caller, "function exit <-------------");
+    g_diag_live_threads.fetch_sub(1, std::memory_order_release);
     return nullptr;
 }
 
@@ -246,6 +247,7 @@ std::atomic<bool> g_diag_rsp_waiting;
 std::atomic<bool> g_diag_rsp_timed_out;
 std::atomic<int32_t> g_diag_cmd_time_100ms{kDiagCmdTime100msDefault};
 std::atomic<uint32_t> g_diag_cmd_seq;
+std::atomic<int32_t> g_diag_live_threads;
 int32_t g_diag_init_status;
 pthread_t g_diag_wait_thread;
 char g_diag_channel_name[kDiagChannelNameSize];
@@ -355,9 +357,14 @@ int tolven_diag_cmd_send_with_result_wait_create_thread(void) {
     // The timer is told which command it times; called under the command lock, after arming.
     void* cmd = reinterpret_cast<void*>(
             static_cast<uintptr_t>(g_diag_cmd_seq.load(std::memory_order_relaxed)));
+    g_diag_live_threads.fetch_add(1, std::memory_order_relaxed);
     int conf = pthread_create(&g_diag_wait_thread, &attr,
                               tolven_diag_cmd_send_with_result_wait_thread_proc, cmd);
-    if (conf == 0) pthread_setname_np(g_diag_wait_thread, kThreadName);
+    if (conf == 0) {
+        pthread_setname_np(g_diag_wait_thread, kThreadName);
+    } else {
+        g_diag_live_threads.fetch_sub(1, std::memory_order_relaxed);
+    }
     pthread_attr_destroy(&attr);
     TOLVEN_LOGD("tolven daig is created, conf = %d", conf);
     TOLVEN_LOG_EXIT();
@@ -398,6 +405,7 @@ void* tolven_diag_cmd_send_with_result_wait_thread_proc(void* arg) {
     }
     pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
     TOLVEN_LOG_EXIT();
+    g_diag_live_threads.fetch_sub(1, std::memory_order_release);
     return nullptr;
 }
 
@@ -756,6 +764,7 @@ int tolven_diag_cmd_send_without_result_start_thread(const uint8_t* data, int da
             pthread_attr_t attr;
             pthread_attr_init(&attr);
             pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+            g_diag_live_threads.fetch_add(1, std::memory_order_relaxed);
             int conf = pthread_create(
                     &thread, &attr,
                     diag_work_mode == 0
@@ -766,8 +775,11 @@ int tolven_diag_cmd_send_without_result_start_thread(const uint8_t* data, int da
             pthread_attr_destroy(&attr);
             TOLVEN_LOGD("tolven daig is created, conf = %d, diag_work_mode = %d", conf,
                         diag_work_mode);
-            // Nobody else will free it.
-            if (conf != 0) free(request);
+            if (conf != 0) {
+                // Nobody else will free it.
+                free(request);
+                g_diag_live_threads.fetch_sub(1, std::memory_order_relaxed);
+            }
             TOLVEN_LOGD("Will wait 1s, wait_cnt = %d(max:%d)", 0, 0);
             usleep(1000000);
             result = 0;
@@ -794,4 +806,31 @@ extern "C" int tolven_diag_cmd_send_without_result_by_dci_mode(const uint8_t* da
 extern "C" int tolven_diag_cmd_send_without_result_by_callback_mode(const uint8_t* data,
                                                                     int data_len) {
     return tolven_diag_cmd_send_without_result_start_thread(data, data_len, 0);
+}
+
+// ---- For tests ----
+
+bool tolven_diag_reset_for_test(int limit_ms) {
+    bool idle = false;
+    for (int waited_ms = 0;; waited_ms += 10) {
+        idle = g_diag_live_threads.load(std::memory_order_acquire) == 0;
+        if (idle || waited_ms >= limit_ms) break;
+        usleep(10000);
+    }
+    pthread_mutex_lock(&g_qcril_diag_rsp_lock);
+    free_stored_response();
+    g_qcril_diag_rsp_buf.length.store(0, std::memory_order_relaxed);
+    // g_diag_cmd_seq keeps counting, so that no timer still running can match a new command.
+    g_diag_rsp_waiting.store(false, std::memory_order_relaxed);
+    g_diag_rsp_timed_out.store(false, std::memory_order_relaxed);
+    g_diag_cmd_time_100ms.store(kDiagCmdTime100msDefault, std::memory_order_relaxed);
+    pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
+    if (g_diag_init_status != 0) sem_destroy(&g_diag_rsp_sem);
+    g_diag_init_status = 0;
+    g_diag_wait_thread = 0;
+    memset(g_diag_channel_name, 0, sizeof(g_diag_channel_name));
+    memset(g_diag_mask_name, 0, sizeof(g_diag_mask_name));
+    g_diag_data_primary = 0;
+    g_diag_data_remote = 0;
+    return idle;
 }
