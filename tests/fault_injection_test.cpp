@@ -44,11 +44,6 @@ void refuse_next(ThreadBody body) {
     g_refusals = 1;
 }
 
-int time_scale() {
-    const char* scale = getenv("TOLVEN_TEST_TIME_SCALE");
-    return scale != nullptr && atoi(scale) > 0 ? atoi(scale) : 1;
-}
-
 // Without its timer a send waits its own limit plus one tick, fails, and leaves nothing behind
 // that would stop the next command.
 TEST_F(DiagTest, SendWithoutTimerEndsAtItsLimitPlusOneTick) {

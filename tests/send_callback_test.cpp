@@ -122,11 +122,17 @@ TEST_F(DiagTest, CallbackSendFailureStartsNoTimerAndLeavesTheReply) {
 }
 
 TEST_F(DiagTest, RemoteProcessorsAnswerThroughTheirOwnContext) {
+    // A send closes the connection at the first answer; here both answers are awaited first.
     libdiag_sim::set_remote_mask(0x0001);
     libdiag_sim::set_remote_responders(0x0001);
-    EXPECT_EQ(send_packet(kSend, {0x1C}, 3000).result, 0);
+    tolven_diag_init_with_result();
+    tolven_diag_register_callback(tolven_diag_cmd_response_by_callback);
+    unsigned char packet[] = {0x1C};
+    ASSERT_EQ(diag_callback_send_data(0, packet, 1), 0);
     EXPECT_TRUE(log.wait_for("response from 1[MDM]"));
-    EXPECT_TRUE(log.has("response from 0[MSM]"));
+    EXPECT_TRUE(log.wait_for("response from 0[MSM]"));
+    EXPECT_EQ(sem_posts(), 2);
+    tolven_diag_deinit_with_result();
 }
 
 TEST_F(DiagTest, CallbackHandlerReplacesAndKeepsItsLimits) {
@@ -158,7 +164,6 @@ TEST_F(DiagTest, CallbackHandlerReplacesAndKeepsItsLimits) {
     EXPECT_EQ(log.count("tolven_diag_cmd_response_check fail"), 3);
     EXPECT_EQ(tolven_diag_cmd_response_by_callback_no_handle(nullptr, -4, nullptr), 0);
     EXPECT_TRUE(log.has("len = -4"));
-    free(g_qcril_diag_rsp_buf.data);
 }
 
 // The worker body, run on the test's thread.
@@ -179,7 +184,8 @@ TEST_P(CallbackWorker, AnswersGetTwoHundredMilliseconds) {
     const WorkerCase& c = GetParam();
     libdiag_sim::set_answer_delay(std::chrono::milliseconds(c.answer_delay_ms));
     if (c.init_fails) libdiag_sim::program_result("Diag_LSM_Init", 0);
-    tolven_diag_cmd_send_without_result_by_callback_mode_thread_proc(worker_request({0x00}));
+    run_thread_body(tolven_diag_cmd_send_without_result_by_callback_mode_thread_proc,
+                    worker_request({0x00}));
     libdiag_sim::wait_idle();
 
     std::vector<libdiag_sim::Call> calls = libdiag_sim::journal();

@@ -54,8 +54,8 @@ TEST(WaitTimer, TicksPostsAndFlag) {
         g_diag_cmd_time_100ms = row.limit;
         g_diag_cmd_seq = 7;
         g_qcril_diag_rsp_buf.length = row.length;
-        tolven_diag_cmd_send_with_result_wait_thread_proc(
-                reinterpret_cast<void*>(static_cast<uintptr_t>(row.own ? 7 : 6)));
+        run_thread_body(tolven_diag_cmd_send_with_result_wait_thread_proc,
+                        reinterpret_cast<void*>(static_cast<uintptr_t>(row.own ? 7 : 6)));
         EXPECT_EQ(sem_posts(), row.posts);
         EXPECT_EQ(g_diag_rsp_timed_out.load(), row.timed_out);
         EXPECT_EQ(log.count("cnt_of_100ms = "), row.ticks);
@@ -90,8 +90,6 @@ TEST_F(DiagTest, DciHandlerAppendsPiecesAndOnlyTheLastOnePosts) {
     // The code printed is the first byte of each piece.
     EXPECT_EQ(log.count("response, cmd_code = 0x10, data_size = 4096"), 2);
     EXPECT_TRUE(log.has("response, cmd_code = 0x10, data_size = 1808"));
-    free(buf.data);
-    free(buf.prev);
 }
 
 class DciSend : public DiagTest {};
@@ -273,7 +271,8 @@ TEST_P(DciWorker, ExitsAndTeardown) {
     const WorkerCase& c = GetParam();
     if (c.failing_call != nullptr) libdiag_sim::program_result(c.failing_call, c.failing_result);
     auto start = std::chrono::steady_clock::now();
-    tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc(worker_request({0x7C}));
+    run_thread_body(tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc,
+                    worker_request({0x7C}));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 3000ms - kClockSlack);
 
     std::vector<libdiag_sim::Call> calls = libdiag_sim::journal();

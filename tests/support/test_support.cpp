@@ -9,6 +9,11 @@
 #include "libdiag_sim.h"
 #include "tolven_diag_internal.h"
 
+int time_scale() {
+    const char* scale = getenv("TOLVEN_TEST_TIME_SCALE");
+    return scale != nullptr && atoi(scale) > 0 ? atoi(scale) : 1;
+}
+
 LogCapture::LogCapture() {
     tolven_utils_host_set_logcat_levels((1u << 1) | (1u << 4));
     tolven_utils_host_set_shell_levels(0);
@@ -31,12 +36,12 @@ int LogCapture::count(const std::string& part) const {
 }
 
 bool LogCapture::wait_for(const std::string& part) const {
-    const char* scale = getenv("TOLVEN_TEST_TIME_SCALE");
-    int factor = scale != nullptr && atoi(scale) > 0 ? atoi(scale) : 1;
-    return tolven_utils_host::wait_for_line(part, std::chrono::seconds(10) * factor);
+    return tolven_utils_host::wait_for_line(part, std::chrono::seconds(10) * time_scale());
 }
 
 void DiagTest::SetUp() {
+    // Threads of an earlier test in this process (workers linger 3 s) end first.
+    ASSERT_TRUE(tolven_diag_reset_for_test(10000 * time_scale()));
     libdiag_sim::reset();
     log.clear();
 }
@@ -67,6 +72,11 @@ void* worker_request(const std::vector<uint8_t>& packet) {
     memcpy(block, &len, sizeof(len));
     memcpy(block + sizeof(len), packet.data(), packet.size());
     return block;
+}
+
+void* run_thread_body(void* (*body)(void*), void* arg) {
+    g_diag_live_threads++;
+    return body(arg);
 }
 
 int sem_posts() {

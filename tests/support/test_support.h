@@ -49,6 +49,9 @@ struct SendOutcome {
 SendOutcome send_packet(SendFn send, const std::vector<uint8_t>& packet, int timeout_ms,
                         int capacity = 16384);
 
+// TOLVEN_TEST_TIME_SCALE: the factor for time limits (sanitizers, emulation).
+int time_scale();
+
 // Sleeps and the steady clock may disagree by a little; lower bounds on time allow for that.
 constexpr std::chrono::milliseconds kClockSlack{2};
 
@@ -58,6 +61,9 @@ void let_wait_timer_end();
 
 // A WorkerRequest block as the fire-and-forget dispatcher builds it; the worker frees it.
 void* worker_request(const std::vector<uint8_t>& packet);
+
+// Runs one of the library's thread bodies on the test's thread, counted as its creator counts it.
+void* run_thread_body(void* (*body)(void*), void* arg);
 
 // The semaphore's count: how many posts nobody has waited for.
 int sem_posts();
