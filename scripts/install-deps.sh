@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages that a group of jobs needs, if missing.
-#   scripts/install-deps.sh [GROUP...]     groups: base (default), fuzz
+#   scripts/install-deps.sh [GROUP...]     groups: base (default), fuzz, valgrind
 set -euo pipefail
 
 groups=("$@")
@@ -13,6 +13,8 @@ for g in "${groups[@]}"; do
             packages+=(build-essential cmake ninja-build binutils
                 googletest libgtest-dev libgmock-dev libbenchmark-dev
                 android-liblog-dev android-libbase-dev) ;;
+        valgrind)
+            packages+=(valgrind) ;;
         fuzz)
             # libFuzzer and its FuzzedDataProvider.h come with clang's runtime.
             packages+=(clang-14 libclang-rt-14-dev) ;;
