@@ -1,5 +1,7 @@
 // Callback transport: registration walk, response handler, synchronous send and worker.
 
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "libdiag_sim.h"
@@ -78,7 +80,6 @@ TEST_F(DiagTest, CallbackTimeLimitRule) {
         EXPECT_EQ(send_packet(kSend, kVersionRequest, timeout_ms).result, 0);
         EXPECT_TRUE(log.has("Command time = " + std::to_string(ticks) + " * 100ms")) << timeout_ms;
         EXPECT_EQ(log.has("Time out is invalid, set default"), ticks == 30) << timeout_ms;
-        let_wait_timer_end();
     }
 }
 
@@ -87,9 +88,7 @@ TEST_F(DiagTest, CallbackTimeOutHandsBackThePreviousResponse) {
     SendOutcome first = send_packet(kSend, {0x1C}, 100);
     EXPECT_EQ(first.result, 1);
     EXPECT_EQ(first.reply_len, 0);  // nothing stored yet
-    let_wait_timer_end();
     ASSERT_EQ(send_packet(kSend, kVersionRequest, 3000).result, 0);
-    let_wait_timer_end();
 
     SendOutcome out = send_packet(kSend, {0x1C}, 300, 40);
     EXPECT_EQ(out.result, 1);
@@ -110,7 +109,7 @@ TEST_F(DiagTest, CallbackSendFailureStartsNoTimerAndLeavesTheReply) {
     Names names = libdiag_sim::journal_names();
     EXPECT_EQ(Names(names.end() - 3, names.end()),
               (Names{"diag_callback_send_data", "diag_switch_logging", "Diag_LSM_DeInit"}));
-    let_wait_timer_end();
+    std::this_thread::sleep_for(150ms);  // a timer would have ticked by now
     EXPECT_FALSE(log.has("cnt_of_100ms"));
 
     // Refused parameters reach no diag call.

@@ -196,7 +196,6 @@ TEST_F(DciSend, LongReplyComesBackWholeOrCutToTheCapacity) {
     EXPECT_EQ(whole.reply, reply);
     EXPECT_EQ(log.count("response, cmd_code = "), 3);
     EXPECT_LT(whole.elapsed, 3000ms);
-    let_wait_timer_end();
 
     SendOutcome cut = send_packet(tolven_diag_cmd_send_with_result, request, 3000, 100);
     EXPECT_EQ(cut.result, 0);
@@ -208,7 +207,6 @@ TEST_F(DciSend, LongReplyComesBackWholeOrCutToTheCapacity) {
 
 TEST_F(DciSend, TimeOutHandsBackTheStaleLengthWithoutBytes) {
     ASSERT_EQ(send_packet(tolven_diag_cmd_send_with_result, kVersionRequest, 3000).result, 0);
-    let_wait_timer_end();
     libdiag_sim::set_answer({0x1C}, Answer{});
     SendOutcome out = send_packet(tolven_diag_cmd_send_with_result, {0x1C}, 300);
     EXPECT_EQ(out.result, 1);
@@ -218,15 +216,14 @@ TEST_F(DciSend, TimeOutHandsBackTheStaleLengthWithoutBytes) {
     EXPECT_TRUE(log.has("stop waiting"));
     EXPECT_FALSE(g_diag_rsp_timed_out.load());
 
-    // Time limits below one tick still wait one; the time-out does not leak into the next send.
+    // Time limits below one tick still wait one; the time-out does not leak into the next send,
+    // which follows at once.
     for (int timeout_ms : {0, -250}) {
-        let_wait_timer_end();
         out = send_packet(tolven_diag_cmd_send_with_result, {0x1C}, timeout_ms);
         EXPECT_EQ(out.result, 1);
         EXPECT_GE(out.elapsed, 100ms - kClockSlack);
         EXPECT_TRUE(log.has("Dci Command time = " + std::to_string(timeout_ms / 100)));
     }
-    let_wait_timer_end();
     EXPECT_EQ(send_packet(tolven_diag_cmd_send_with_result, kVersionRequest, 3000).result, 0);
 }
 

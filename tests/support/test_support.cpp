@@ -62,10 +62,6 @@ SendOutcome send_packet(SendFn send, const std::vector<uint8_t>& packet, int tim
     return {result, reply_len, std::vector<uint8_t>(buf.begin(), buf.begin() + shown), elapsed};
 }
 
-void let_wait_timer_end() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-}
-
 void* worker_request(const std::vector<uint8_t>& packet) {
     auto* block = static_cast<uint8_t*>(malloc(packet.size() + 5));
     int32_t len = static_cast<int32_t>(packet.size());

@@ -55,10 +55,6 @@ int time_scale();
 // Sleeps and the steady clock may disagree by a little; lower bounds on time allow for that.
 constexpr std::chrono::milliseconds kClockSlack{2};
 
-// A synchronous send's wait timer ticks on for up to 100 ms after the send returned, and would
-// count against the next command: back-to-back sends wait this out first.
-void let_wait_timer_end();
-
 // A WorkerRequest block as the fire-and-forget dispatcher builds it; the worker frees it.
 void* worker_request(const std::vector<uint8_t>& packet);
 
