@@ -12,7 +12,7 @@ for g in "${groups[@]}"; do
         base)
             packages+=(build-essential cmake ninja-build binutils
                 googletest libgtest-dev libgmock-dev libbenchmark-dev
-                android-liblog-dev android-libbase-dev) ;;
+                android-liblog-dev android-libbase-dev blueprint-tools pkgconf) ;;
         valgrind)
             packages+=(valgrind) ;;
         fuzz)

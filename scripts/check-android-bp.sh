@@ -1,0 +1,127 @@
+#!/usr/bin/env bash
+# Keeps the Android.bp files in step with the tree that CMake builds:
+#  - each is canonical under `bpfmt -d` (blueprint-tools);
+#  - every file and folder it names exists (srcs, data, version_script, include folders), with
+#    no globs and no paths out of the module's folder;
+#  - every C/C++ source under its folder is built by one of its modules;
+#  - every module it refers to is defined by an Android.bp of the tree or is a platform library;
+#  - a version_script is the export map that the CMakeLists.txt beside it links with;
+#  - the tool's version is the project's.
+#   scripts/check-android-bp.sh [ROOT]
+set -euo pipefail
+root=${1:-$(dirname "$0")/..}
+cd "$root"
+
+# Libraries of the device's platform and of the modem vendor, not built from this tree.
+platform_modules=" libbase libc++ libcutils libdiag liblog libtolven_utils libutils "
+
+command -v bpfmt >/dev/null || {
+    echo "check-android-bp: bpfmt not found (scripts/install-deps.sh base)" >&2
+    exit 1
+}
+
+mapfile -t files < <(find . \( -name .git -o -path './build*' \) -prune -o -name Android.bp -print |
+    sed 's|^\./||' | sort)
+[ ${#files[@]} -gt 0 ] || { echo "check-android-bp: no Android.bp under $root" >&2; exit 1; }
+
+problems=0
+problem() {
+    echo "$1: $2" >&2
+    problems=$((problems + 1))
+}
+
+# One line per string value: FILE<TAB>MODULE<TAB>PROPERTY<TAB>VALUE, where MODULE is the module's
+# type and the PROPERTY "name" gives its name. Reads only the layout bpfmt leaves; anything else
+# is reported, so that a construct this check does not understand cannot hide a path.
+parse() {
+    awk -v file="$1" '
+        function strings(text, key,    s) {
+            while (match(text, /"([^"\\]|\\.)*"/)) {
+                s = substr(text, RSTART + 1, RLENGTH - 2)
+                printf "%s\t%s\t%s\t%s\n", file, type, key, s
+                text = substr(text, RSTART + RLENGTH)
+            }
+        }
+        function bad() {
+            printf "%s\t-\t!\tline %d not understood: %s\n", file, NR, $0
+        }
+        /^[ \t]*(\/\/.*)?$/ { next }
+        list != "" {
+            if ($0 ~ /^[ \t]*\],?$/) list = ""
+            else if ($0 ~ /^[ \t]*"([^"\\]|\\.)*",$/) strings($0, list)
+            else bad()
+            next
+        }
+        depth == 0 {
+            if (match($0, /^[a-z_]+ \{$/)) { type = $1; depth = 1 } else bad()
+            next
+        }
+        /^[ \t]*\},?$/ { depth--; next }
+        match($0, /^[ \t]*[a-z_0-9]+: /) {
+            key = $1
+            sub(/:$/, "", key)
+            rest = substr($0, RLENGTH + 1)
+            if (rest == "[") list = key
+            else if (rest == "{") depth++
+            else if (rest ~ /^\[.*\],$/ || rest ~ /^"([^"\\]|\\.)*",$/) strings(rest, key)
+            else if (rest !~ /^(true|false|[0-9]+),$/) bad()
+            next
+        }
+        { bad() }
+        END { if (depth != 0 || list != "") printf "%s\t-\t!\tunterminated module\n", file }
+    ' "$1"
+}
+
+records=$(for f in "${files[@]}"; do parse "$f"; done)
+bad_lines=$(awk -F'\t' '$3 == "!"' <<<"$records")
+[ -z "$bad_lines" ] || while IFS=$'\t' read -r f _ _ msg; do problem "$f" "$msg"; done <<<"$bad_lines"
+defined=" $(awk -F'\t' '$3 == "name" {print $4}' <<<"$records" | tr '\n' ' ') "
+version=$(sed -n 's/^project([a-z_]* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+
+for f in "${files[@]}"; do
+    diff=$(bpfmt -d "$f" 2>&1) || true
+    [ -z "$diff" ] || problem "$f" "not as bpfmt leaves it (bpfmt -w $f):"$'\n'"$diff"
+    dir=$(dirname "$f")
+    listed=" "
+    while IFS=$'\t' read -r _ _ key value; do
+        case $key in
+            srcs | exclude_srcs | data | version_script)
+                if [[ $value == *'*'* || $value == ../* || $value == */../* ]]; then
+                    problem "$f" "$key: '$value' must name one file inside $dir/"
+                elif [ ! -f "$dir/$value" ]; then
+                    problem "$f" "$key: $dir/$value does not exist"
+                fi
+                [ "$key" != srcs ] || listed+="$dir/$value "
+                if [ "$key" = version_script ] && [ -f "$dir/CMakeLists.txt" ] &&
+                    ! grep -qF "$value" "$dir/CMakeLists.txt"; then
+                    problem "$f" "version_script $value is not the map $dir/CMakeLists.txt links"
+                fi ;;
+            local_include_dirs | export_include_dirs | export_system_include_dirs)
+                [ -d "$dir/$value" ] || problem "$f" "$key: $dir/$value is not a folder" ;;
+            include_dirs)
+                problem "$f" "include_dirs names folders from the top of the platform tree; use a header library" ;;
+            defaults | header_libs | shared_libs | static_libs | whole_static_libs)
+                [[ $defined == *" $value "* || $platform_modules == *" $value "* ]] ||
+                    problem "$f" "$key: no module '$value' in the tree or the platform" ;;
+            cflags)
+                if [[ $value == -DTOLVEN_DIAG_TOOL_VERSION=* ]] &&
+                    [ "$value" != "-DTOLVEN_DIAG_TOOL_VERSION=\\\"$version\\\"" ]; then
+                    problem "$f" "$value: the project's version is $version"
+                fi ;;
+        esac
+    done < <(awk -F'\t' -v f="$f" '$1 == f && $3 != "!"' <<<"$records")
+
+    # Sources below this folder, but not below another Android.bp's folder, must be built here.
+    while read -r src; do
+        owner=$(dirname "$src")
+        while [ ! -f "$owner/Android.bp" ]; do owner=$(dirname "$owner"); done
+        [ "$owner" != "$dir" ] || [[ $listed == *" $src "* ]] ||
+            problem "$f" "$src is not in the srcs of any module"
+    done < <(find "$dir" \( -name '*.c' -o -name '*.cc' -o -name '*.cpp' \) | sort)
+done
+
+names=$(awk -F'\t' '$3 == "name" {print $4}' <<<"$records" | sort | uniq -d)
+[ -z "$names" ] || problem "Android.bp" "modules defined twice: $names"
+
+[ "$problems" -eq 0 ] || { echo "check-android-bp: $problems problem(s)" >&2; exit 1; }
+echo "check-android-bp: ${#files[@]} Android.bp files match the tree"
