@@ -22,7 +22,8 @@ extern "C" {
  * Synchronous sends. |data| holds |data_len| bytes (1 to 4096). |*reply_len| holds the capacity
  * of |reply_buf| on entry (above 0) and the number of reply bytes written on return, never more
  * than the capacity. The caller is blocked until the response is complete or |timeout_ms| ran
- * out, counted in ticks of 100 ms. Only one synchronous send runs at a time in a process.
+ * out, counted in ticks of 100 ms. Only one synchronous send runs at a time in a process; calls
+ * may follow one another at once, in either mode, from any number of threads.
  *
  * On a time-out the result is 1 and |reply_buf| may still hold what arrived (DCI mode) or the
  * previous command's reply (callback mode); rely on the reply only when the result is 0.
