@@ -29,8 +29,8 @@ using std::chrono::milliseconds;
 
 constexpr unsigned kShellLevels = (1u << 1) | (1u << 4);
 constexpr milliseconds kSimDelay{0};
-// The library's wait timer ticks on for up to 100 ms after a command and would land on the next
-// one (and, with the shell sink on, print after stdout is restored).
+// Spaced samples find the library idle: the previous command's wait timer, which ticks on for up
+// to 100 ms, has ended. Back-to-back samples follow at once, as a busy caller's would.
 constexpr milliseconds kSpacing{150};
 constexpr int kSamples = 100;
 constexpr int kTimeoutMs = 1000;
@@ -106,6 +106,7 @@ struct Case {
     const libdiag_sim::Bytes* request;
     const libdiag_sim::Bytes* reply;
     bool logging_on;
+    milliseconds spacing;
 };
 
 void BM_DciRoundTrip(benchmark::State& state, Case c) {
@@ -126,7 +127,7 @@ void BM_DciRoundTrip(benchmark::State& state, Case c) {
     tolven_diag_cmd_send_with_result(c.request->data(), req_len, kTimeoutMs, reply.data(),
                                      &warm_len);
     for (auto _ : state) {
-        std::this_thread::sleep_for(kSpacing);
+        std::this_thread::sleep_for(c.spacing);
         libdiag_sim::clear_journal();
         int reply_len = kReplyCapacity;
         Clock::time_point t0 = Clock::now();
@@ -142,7 +143,7 @@ void BM_DciRoundTrip(benchmark::State& state, Case c) {
             state.SkipWithError("wrong result or reply");
         }
     }
-    // Let the last wait timer finish before stdout comes back.
+    // Let the last wait timer finish (it logs) before stdout comes back.
     std::this_thread::sleep_for(kSpacing);
     quiet.reset();
     tolven_utils_host_set_shell_levels(0);
@@ -160,10 +161,12 @@ void register_cases() {
         Case c;
     };
     const Named cases[] = {
-            {"reply16/gates_off", {&kShortRequest, &short_reply(), false}},
-            {"reply10000/gates_off", {&kLongRequest, &long_reply(), false}},
-            {"reply16/shell_on", {&kShortRequest, &short_reply(), true}},
-            {"reply10000/shell_on", {&kLongRequest, &long_reply(), true}},
+            {"reply16/gates_off", {&kShortRequest, &short_reply(), false, kSpacing}},
+            {"reply10000/gates_off", {&kLongRequest, &long_reply(), false, kSpacing}},
+            {"reply16/shell_on", {&kShortRequest, &short_reply(), true, kSpacing}},
+            {"reply10000/shell_on", {&kLongRequest, &long_reply(), true, kSpacing}},
+            {"reply16/gates_off/back_to_back", {&kShortRequest, &short_reply(), false, {}}},
+            {"reply10000/gates_off/back_to_back", {&kLongRequest, &long_reply(), false, {}}},
     };
     for (const Named& n : cases) {
         benchmark::RegisterBenchmark((std::string("BM_DciRoundTrip/") + n.name).c_str(),
