@@ -124,6 +124,8 @@ TEST_F(DiagTest, CallbackSendFailureStartsNoTimerAndLeavesTheReply) {
 TEST_F(DiagTest, RemoteProcessorsAnswerThroughTheirOwnContext) {
     libdiag_sim::set_remote_mask(0x0001);
     libdiag_sim::set_remote_responders(0x0001);
+    // The local answer ends the send; a close that disconnects could drop the remote one.
+    libdiag_sim::program_result("Diag_LSM_DeInit", 1);
     EXPECT_EQ(send_packet(kSend, {0x1C}, 3000).result, 0);
     EXPECT_TRUE(log.wait_for("response from 1[MDM]"));
     EXPECT_TRUE(log.has("response from 0[MSM]"));
