@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages that a group of jobs needs, if missing.
-#   scripts/install-deps.sh [GROUP...]     groups: base (default), fuzz, valgrind
+#   scripts/install-deps.sh [GROUP...]     groups: base (default), fuzz, valgrind, aarch64
 set -euo pipefail
 
 groups=("$@")
 [ ${#groups[@]} -eq 0 ] && groups=(base)
 
 packages=()
+foreign_arch=""
 for g in "${groups[@]}"; do
     case $g in
         base)
@@ -18,6 +19,12 @@ for g in "${groups[@]}"; do
         fuzz)
             # libFuzzer and its FuzzedDataProvider.h come with clang's runtime.
             packages+=(clang-14 libclang-rt-14-dev) ;;
+        aarch64)
+            # The cross compiler and the emulator, and the target's libraries through multiarch.
+            foreign_arch=arm64
+            packages+=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user
+                android-liblog-dev:arm64 android-libbase-dev:arm64
+                libgtest-dev:arm64 libgmock-dev:arm64 libbenchmark-dev:arm64) ;;
         *)
             echo "install-deps: unknown group '$g'" >&2
             exit 2 ;;
@@ -33,6 +40,9 @@ done
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 echo "installing: ${missing[*]}"
+if [ -n "$foreign_arch" ] && ! dpkg --print-foreign-architectures | grep -qx "$foreign_arch"; then
+    $sudo dpkg --add-architecture "$foreign_arch"
+fi
 export DEBIAN_FRONTEND=noninteractive
 # A third-party source that cannot be reached must not stop the install from Debian's own.
 $sudo apt-get update || echo "apt-get update reported errors; installing from what it fetched"

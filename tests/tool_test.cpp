@@ -25,8 +25,9 @@ struct Outcome {
 // Runs the tool through the shell with |env| on top of an environment free of logging and
 // simulator settings; stderr goes to a file so that only stdout can fill up and stall the child.
 Outcome run_tool(const std::vector<std::string>& args, const std::string& env) {
+    // Read once: the loop below clears it with the other TOLVEN_ variables.
     const char* emulator_env = getenv("TOLVEN_TEST_EMULATOR");
-    const std::string emulator = emulator_env != nullptr ? emulator_env : "";
+    static const std::string emulator = emulator_env != nullptr ? emulator_env : "";
     for (char** e = environ; *e != nullptr;) {
         std::string var = *e;
         bool ours = var.rfind("TOLVEN_", 0) == 0 || var.rfind("LIBDIAG_SIM_", 0) == 0;
