@@ -477,7 +477,7 @@ std::string timeout_note(Mode mode, int asked_ms) {
 int worker_remaining_ms(Mode mode) {
     // DCI: 1 s for answers, then 3 s linger; callback: 200 ms, then 3 s. The call held 1 s of
     // it; the rest covers set-up and tear-down.
-    constexpr int kMarginMs = 300;
+    constexpr int kMarginMs = 500;
     return (mode == Mode::kDci ? 3000 : 2200) + kMarginMs;
 }
 
