@@ -93,20 +93,20 @@ TEST(ToolDecode, Replies) {
             {"subsystem, cut in the command", "\x4B\xFE\x01\x00"s, "\x4B\xFE\x01"s,
              "subsystem; subsystem=0xFE; (short reply: ends after 3 bytes, inside 'command')"},
             {"bad command", "\x4B\x21"s, "\x13\x4B\x21"s,
-             "error; error=0x13 bad command; echoed request=4B 21; same as sent=yes"},
+             "error reply; error=0x13 bad command; echoed request=4B 21; same as sent=yes"},
             {"bad parameters", "\x60\x05"s, "\x14\x60\x05"s,
-             "error; error=0x14 bad parameters; echoed request=60 05; same as sent=yes"},
+             "error reply; error=0x14 bad parameters; echoed request=60 05; same as sent=yes"},
             {"bad length, other echo", "\x00\x00"s, "\x15\x00"s,
-             "error; error=0x15 bad length; echoed request=00; same as sent=no"},
+             "error reply; error=0x15 bad length; echoed request=00; same as sent=no"},
             {"bad device, no echo", "\x01"s, "\x16"s,
-             "error; error=0x16 bad device; echoed request=(none); same as sent=no"},
+             "error reply; error=0x16 bad device; echoed request=(none); same as sent=no"},
             {"bad mode", "\x01"s, "\x18\x01"s,
-             "error; error=0x18 bad mode; echoed request=01; same as sent=yes"},
+             "error reply; error=0x18 bad mode; echoed request=01; same as sent=yes"},
             {"bad SPC mode", "\x01"s, "\x42\x01"s,
-             "error; error=0x42 bad SPC mode; echoed request=01; same as sent=yes"},
+             "error reply; error=0x42 bad SPC mode; echoed request=01; same as sent=yes"},
             {"bad security mode, long echo", std::string(40, '\x01'),
              "\x47"s + std::string(40, '\x01'),
-             "error; error=0x47 bad security mode; echoed request=" +
+             "error reply; error=0x47 bad security mode; echoed request=" +
                      std::string("01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 "
                                  "01 01 01 01 01 01 01 01 01 01 01 ... (40 bytes)") +
                      "; same as sent=yes"},

@@ -179,7 +179,7 @@ bool decode_reply(const std::vector<uint8_t>& request, const uint8_t* reply, siz
     Reader r(reply, len, out);
     const uint8_t code = reply[0];
     if (const char* name = error_name(code)) {
-        out->kind = "error";
+        out->kind = "error reply";
         r.add("error", format("0x%02llX ", code) + name, true, code);
         const uint8_t* echo = reply + 1;
         size_t echo_len = len - 1;

@@ -19,7 +19,7 @@ struct Field {
 };
 
 struct Decoded {
-    std::string kind;  // "version info", "error", ...
+    std::string kind;  // "version info", "error reply", ...
     std::vector<Field> fields;
     std::string note;  // where a short reply ends, or what follows the known fields
 };

@@ -205,13 +205,20 @@ struct Run {
     std::vector<std::string> notes;  // for a success
 };
 
+// Why the diag library cannot use |port|, or "" when it exists and opens for reading and writing.
 std::string port_problem(const std::string& port) {
     struct stat st;
     if (stat(port.c_str(), &st) != 0) return "the port " + port + ": " + strerror(errno);
     if (access(port.c_str(), R_OK | W_OK) != 0) {
         return "the port " + port + " cannot be opened for reading and writing: " + strerror(errno);
     }
-    return "check that " + port + " is the modem's diag port";
+    return "";
+}
+
+// Before a call whose failure the tool cannot see: a port that cannot work.
+void warn_port(const Options& o, const char* consequence) {
+    std::string problem = o.port.empty() ? "" : port_problem(o.port);
+    if (!problem.empty()) error("warning: " + problem + "; " + consequence);
 }
 
 Run send_once(const Options& o, int seq) {
@@ -260,7 +267,11 @@ Run send_once(const Options& o, int seq) {
     } else {
         run.outcome = Outcome::kDiagError;
         run.why = "a diag library call failed after " + ms_text(run.elapsed_ms);
-        run.why += o.port.empty() ? "" : "; " + port_problem(o.port);
+        if (!o.port.empty()) {
+            std::string problem = port_problem(o.port);
+            run.why += "; " + (problem.empty() ? "check that " + o.port + " is the modem's diag port"
+                                               : problem);
+        }
         run.why += o.verbose ? "" : " (--verbose shows which)";
     }
     return run;
@@ -584,6 +595,7 @@ int run(const Options& o) {
             }
             return offline_log_dir(o);
         case Action::kMdm:
+            warn_port(o, "the diag library cannot reach that modem");
             fprintf(g_out, "remote modem: %s%s\n",
                     tolven_diag_is_mdm_supported() ? "present" : "absent", port_text(o).c_str());
             return kExitOk;
