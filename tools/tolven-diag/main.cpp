@@ -4,6 +4,7 @@
 
 #include <ctype.h>
 #include <dlfcn.h>
+#include <elf.h>
 #include <errno.h>
 #include <link.h>
 #include <stdio.h>
@@ -138,6 +139,14 @@ bool answer_hex(const std::string& text) {
     return digits > 0 && digits % 2 == 0;
 }
 
+// Decimal or 0x hex milliseconds.
+bool answer_delay(const std::string& text) {
+    bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    std::string digits = hex ? text.substr(2) : text;
+    return !digits.empty() && digits.find_first_not_of(hex ? "0123456789abcdefABCDEF"
+                                                           : "0123456789") == std::string::npos;
+}
+
 // The simulator only warns about a file it cannot read and takes an empty request as a prefix of
 // every request; a run on such a file would answer something else than the user meant.
 bool check_answers_file(const char* path, std::string* why) {
@@ -164,11 +173,11 @@ bool check_answers_file(const char* path, std::string* why) {
         if (request.empty()) {
             *why = where + "empty request (it would match every command)";
         } else if (!answer_hex(request)) {
-            *why = where + "bad request hex '" + request + "' (pairs of hex digits)";
+            *why = where + "bad request hex '" + printable(request) + "' (pairs of hex digits)";
         } else if (reply != "none" && !answer_hex(reply)) {
-            *why = where + "bad reply '" + reply + "' (pairs of hex digits, or none)";
-        } else if (delay.empty() || delay.find_first_not_of("0123456789") != std::string::npos) {
-            *why = where + "bad delay '" + delay + "' (milliseconds)";
+            *why = where + "bad reply '" + printable(reply) + "' (pairs of hex digits, or none)";
+        } else if (!answer_delay(delay)) {
+            *why = where + "bad delay '" + printable(delay) + "' (milliseconds)";
         } else {
             continue;
         }
