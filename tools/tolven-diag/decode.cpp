@@ -10,7 +10,7 @@ namespace tolven_diag_tool {
 namespace {
 
 std::string format(const char* fmt, long long v) {
-    char text[32];
+    char text[64];
     snprintf(text, sizeof text, fmt, v, v);
     return text;
 }
@@ -34,7 +34,7 @@ class Reader {
     // Two bytes shown together, as in "1.2".
     bool pair(const char* name, const char* fmt) {
         if (!fits(name, 2)) return false;
-        char text[16];
+        char text[64];
         snprintf(text, sizeof text, fmt, static_cast<long long>(data_[pos_]),
                  static_cast<long long>(data_[pos_ + 1]));
         pos_ += 2;
