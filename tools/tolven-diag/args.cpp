@@ -29,14 +29,14 @@ enum Id {
     kOptCount_,
 };
 
-struct Spec {
+struct OptionDef {
     Id id;
     const char* name;  // without the leading "--"
     char letter;       // 0: long form only
     bool takes_value;
 };
 
-constexpr Spec kSpecs[] = {
+constexpr OptionDef kOptionTable[] = {
         {kOptMode, "mode", 'm', true},
         {kOptTimeout, "timeout", 't', true},
         {kOptCapacity, "capacity", 'c', true},
@@ -224,10 +224,10 @@ class Parser {
             if (a[1] == '-') {
                 size_t eq = a.find('=');
                 std::string written = a.substr(0, eq);
-                const Spec* spec = find_long(written.substr(2));
-                if (spec == nullptr) return fail("unknown option " + printable(written));
+                const OptionDef* def = find_long(written.substr(2));
+                if (def == nullptr) return fail("unknown option " + printable(written));
                 std::string value;
-                if (!spec->takes_value) {
+                if (!def->takes_value) {
                     if (eq != std::string::npos) {
                         return fail("option " + written + " takes no value");
                     }
@@ -238,17 +238,17 @@ class Parser {
                 } else {
                     return fail("option " + written + " needs a value");
                 }
-                if (!apply(*spec, written, value)) return kExitUsage;
+                if (!apply(*def, written, value)) return kExitUsage;
                 if (done_) return kExitOk;
                 continue;
             }
             // A cluster of short options; one that takes a value ends it.
             for (size_t j = 1; j < a.size(); ++j) {
                 std::string written = std::string("-") + a[j];
-                const Spec* spec = find_short(a[j]);
-                if (spec == nullptr) return fail("unknown option " + printable(written));
+                const OptionDef* def = find_short(a[j]);
+                if (def == nullptr) return fail("unknown option " + printable(written));
                 std::string value;
-                if (spec->takes_value) {
+                if (def->takes_value) {
                     if (j + 1 < a.size()) {
                         value = a.substr(j + 1);
                     } else if (i + 1 < args.size()) {
@@ -258,7 +258,7 @@ class Parser {
                     }
                     j = a.size();
                 }
-                if (!apply(*spec, written, value)) return kExitUsage;
+                if (!apply(*def, written, value)) return kExitUsage;
                 if (done_) return kExitOk;
             }
         }
@@ -266,15 +266,15 @@ class Parser {
     }
 
   private:
-    static const Spec* find_long(const std::string& name) {
-        for (const Spec& s : kSpecs) {
+    static const OptionDef* find_long(const std::string& name) {
+        for (const OptionDef& s : kOptionTable) {
             if (name == s.name) return &s;
         }
         return nullptr;
     }
 
-    static const Spec* find_short(char letter) {
-        for (const Spec& s : kSpecs) {
+    static const OptionDef* find_short(char letter) {
+        for (const OptionDef& s : kOptionTable) {
             if (s.letter != 0 && s.letter == letter) return &s;
         }
         return nullptr;
@@ -293,9 +293,9 @@ class Parser {
         return true;
     }
 
-    bool apply(const Spec& spec, const std::string& written, const std::string& value) {
-        seen_[spec.id] = written;
-        switch (spec.id) {
+    bool apply(const OptionDef& def, const std::string& written, const std::string& value) {
+        seen_[def.id] = written;
+        switch (def.id) {
             case kOptMode:
                 if (value == "dci") {
                     o_->mode = Mode::kDci;
