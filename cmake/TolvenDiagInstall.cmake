@@ -14,9 +14,8 @@ install(TARGETS tolven_diag diag tolven_utils properties LIBRARY DESTINATION ${C
 install(FILES ${PROJECT_SOURCE_DIR}/modem/hal/diag/include/tolven_diag.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS tolven-diag RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-if(EXISTS ${PROJECT_SOURCE_DIR}/tools/tolven-diag/tolven-diag.1)
-    install(FILES ${PROJECT_SOURCE_DIR}/tools/tolven-diag/tolven-diag.1
-            DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${PROJECT_SOURCE_DIR}/tools/tolven-diag/tolven-diag.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 

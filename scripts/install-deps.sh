@@ -35,15 +35,43 @@ missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
+if [ ${#missing[@]} -eq 0 ]; then
+    echo "install-deps: ${groups[*]}: all ${#packages[@]} packages are installed"
+    exit 0
+fi
+echo "install-deps: ${groups[*]}: missing ${missing[*]}"
 
+# Root installs directly; anyone else needs sudo rights, asked for on a terminal only.
 sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
-echo "installing: ${missing[*]}"
+if [ "$(id -u)" -ne 0 ]; then
+    manual="apt-get update && apt-get install -y --no-install-recommends ${missing[*]}"
+    if ! command -v sudo >/dev/null 2>&1; then
+        echo "install-deps: installing packages needs root, and sudo is not installed." >&2
+        echo "install-deps: as root, run: $manual" >&2
+        exit 1
+    fi
+    if ! sudo -n true 2>/dev/null; then
+        if [ ! -t 0 ]; then
+            echo "install-deps: sudo wants a password and there is no terminal to ask on." >&2
+            echo "install-deps: run it yourself: sudo sh -c '$manual'" >&2
+            exit 1
+        fi
+        echo "install-deps: sudo asks for your password to install them"
+        if ! sudo -v; then
+            echo "install-deps: sudo refused; without root rights the packages cannot be installed." >&2
+            echo "install-deps: as root, run: $manual" >&2
+            exit 1
+        fi
+    fi
+    sudo="sudo"
+fi
 if [ -n "$foreign_arch" ] && ! dpkg --print-foreign-architectures | grep -qx "$foreign_arch"; then
+    echo "install-deps: dpkg --add-architecture $foreign_arch"
     $sudo dpkg --add-architecture "$foreign_arch"
 fi
 export DEBIAN_FRONTEND=noninteractive
+echo "install-deps: apt-get update"
 # A third-party source that cannot be reached must not stop the install from Debian's own.
-$sudo apt-get update || echo "apt-get update reported errors; installing from what it fetched"
+$sudo apt-get update || echo "install-deps: apt-get update reported errors; installing from what it fetched"
+echo "install-deps: apt-get install ${missing[*]}"
 $sudo apt-get install -y --no-install-recommends "${missing[@]}"

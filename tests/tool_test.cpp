@@ -1,13 +1,17 @@
-// tolven-diag run as a child process against the simulated modem: exit codes, messages, output.
+// tolven-diag run as a child process against the simulated modem, one row and one process per
+// case: arguments, shell prefix (environment, redirections), exit code and the lines that must
+// appear.
 
 #include <gtest/gtest.h>
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -22,22 +26,29 @@ struct Outcome {
     std::string err;
 };
 
-// Runs the tool through the shell with |env| on top of an environment free of logging and
-// simulator settings; stderr goes to a file so that only stdout can fill up and stall the child.
-Outcome run_tool(const std::vector<std::string>& args, const std::string& env) {
+std::string read_file(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+// Runs the tool through the shell with |prefix| (assignments and redirections) on top of an
+// environment free of logging and simulator settings; stderr goes to a file so that only stdout
+// can fill up and stall the child.
+Outcome run_tool(const std::vector<std::string>& args, const std::string& prefix) {
     // Read once: the loop below clears it with the other TOLVEN_ variables.
     const char* emulator_env = getenv("TOLVEN_TEST_EMULATOR");
     static const std::string emulator = emulator_env != nullptr ? emulator_env : "";
     for (char** e = environ; *e != nullptr;) {
         std::string var = *e;
-        bool ours = var.rfind("TOLVEN_", 0) == 0 || var.rfind("LIBDIAG_SIM_", 0) == 0;
+        bool ours = var.rfind("TOLVEN_", 0) == 0 || var.rfind("LIBDIAG_", 0) == 0;
         if (ours)
             unsetenv(var.substr(0, var.find('=')).c_str());
         else
             ++e;
     }
     std::string err_path = ::testing::TempDir() + "tool_test_err_" + std::to_string(getpid());
-    std::string cmd = env + " " + emulator + " '" TOLVEN_DIAG_TOOL "'";
+    std::string cmd = prefix + " " + emulator + " '" TOLVEN_DIAG_TOOL "'";
     for (const std::string& a : args) cmd += " '" + a + "'";
     Outcome r;
     FILE* out = popen((cmd + " 2>'" + err_path + "'").c_str(), "r");
@@ -46,47 +57,199 @@ Outcome run_tool(const std::vector<std::string>& args, const std::string& env) {
         r.out.append(buf, n);
     int status = out != nullptr ? pclose(out) : -1;
     if (status != -1 && WIFEXITED(status)) r.exit_code = WEXITSTATUS(status);
-    std::stringstream err;
-    err << std::ifstream(err_path).rdbuf();
-    r.err = err.str();
+    r.err = read_file(err_path);
     unlink(err_path.c_str());
     return r;
 }
 
-TEST(Tool, ExitCodesAndOutput) {
-    const std::string kSlow = "LIBDIAG_SIM_DELAY_MS=2000";  // far past the 300 ms time-out
-    struct Case {
-        std::vector<std::string> args;
-        std::string env;
-        int exit_code;
-        std::string out_has;  // empty: not checked
-        std::string err_has;
-    } cases[] = {
-            {{}, "", 2, "", "no packet given\nTry 'tolven-diag --help'"},
-            {{"4g"}, "", 2, "", "bad hex '4g'"},
-            {{"--bogus", "00"}, "", 2, "", "unknown option --bogus"},
-            {{"--timeout", "abc", "00"}, "", 2, "", "--timeout"},
-            {{std::string(2 * 4097, 'a')}, "", 2, "", "4097 bytes"},
-            {{"--help"}, "", 0, "Usage: tolven-diag", ""},
-            {{"00"}, "", 0, "reply: 55 bytes\n  0000  00 4E 6F 76", ""},
-            {{"--mode", "callback", "00"}, "", 0, "reply: 55 bytes\n  0000  00 4E 6F 76", ""},
-            {{"--verbose", "00"}, "", 0, "RIL[tolven_diag_send.cpp:", ""},
-            {{"--capacity", "8", "00"}, "", 0, "reply: 8 bytes\n  0000  00 4E", ""},
-            {{"0x4b", "FE", "0100", "a b"}, "", 0, "6 bytes\n  0000  4B FE 01 00 0A 0B", ""},
-            {{"--timeout", "300", "00"}, kSlow, 1, "reply: none", "send failed"},
-            {{"--mdm"}, "", 0, "remote modem: absent", ""},
-            {{"--mdm"}, "LIBDIAG_SIM_REMOTE_MASK=1", 0, "remote modem: present", ""},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.args.empty() ? "(no args)" : c.args[0] + " " + c.env);
-        Outcome r = run_tool(c.args, c.env);
-        EXPECT_EQ(r.exit_code, c.exit_code) << r.out << r.err;
-        EXPECT_NE(r.out.find(c.out_has), std::string::npos) << r.out;
-        EXPECT_NE(r.err.find(c.err_has), std::string::npos) << r.err;
-        // Only --verbose brings the library's trace to stdout.
-        bool verbose = !c.args.empty() && c.args[0] == "--verbose";
-        EXPECT_EQ(r.out.find("RIL[") != std::string::npos, verbose) << r.out;
+constexpr char kSlow[] = "LIBDIAG_SIM_DELAY_MS=2000";  // far past a 300 ms time-out
+const std::string kProps =
+        "--prop=persist.vendor.radio.diag_log_auto=modem "
+        "--prop=persist.vendor.radio.diag_log_trriger=modem "
+        "--prop=debug.offline_log.module=modem --prop=debug.offline_log.enable=true";
+
+struct Case {
+    const char* name;
+    std::vector<std::string> args;
+    std::string prefix;   // environment assignments and redirections before the command
+    std::string answers;  // written to a file named by LIBDIAG_SIM_ANSWERS when not empty
+    int exit_code;
+    std::string out_has;  // empty: not checked
+    std::string err_has;
+    std::string out_lacks = "";
+};
+
+std::vector<std::string> words(const std::string& text) {
+    std::istringstream in(text);
+    std::vector<std::string> out;
+    for (std::string w; in >> w;) out.push_back(w);
+    return out;
+}
+
+std::vector<std::string> with_props(std::vector<std::string> args) {
+    std::vector<std::string> all = words(kProps);
+    all.insert(all.end(), args.begin(), args.end());
+    return all;
+}
+
+// The offline-log update creates its directories only where /data/vendor/modem exists.
+bool have_modem_data() {
+    struct stat st;
+    return stat("/data/vendor/modem", &st) == 0;
+}
+
+// clang-format off
+const Case kCases[] = {
+    // Usage: conflicting and idle options, numbers, hex.
+    {"NoPacket", {}, "", "", 2, "",
+     "no packet given (nor --mdm or --offline-log-dir)\nTry 'tolven-diag --help'"},
+    {"UnknownOption", {"--bogus", "00"}, "", "", 2, "", "unknown option --bogus"},
+    {"NoWaitTimeout", {"-n", "-t", "500", "00"}, "", "", 2, "", "-t does not apply with -n"},
+    {"NoWaitCapacity", {"-n", "-c", "8", "00"}, "", "", 2, "", "-c does not apply with -n"},
+    {"NoWaitJson", {"-n", "--json", "00"}, "", "", 2, "", "--json does not apply with -n"},
+    {"LingerAlone", {"--linger", "100", "00"}, "", "", 2, "", "--linger needs --no-wait"},
+    {"MdmWithSendOptions", {"--mdm", "-m", "callback", "-n", "-t", "5"}, "", "", 2, "",
+     "-m does not apply to --mdm"},
+    {"OutDirAlone", {"--out-dir", "x", "00"}, "", "", 2, "", "--out-dir needs --offline-log-dir"},
+    {"PropWithPacket", {"--prop", "a=b", "00"}, "", "", 2, "", "--prop needs --offline-log-dir"},
+    {"IntervalAlone", {"--interval", "5", "00"}, "", "", 2, "", "--interval needs --count"},
+    {"PacketAndMdm", {"00", "--mdm"}, "", "", 2, "", "a packet and --mdm exclude each other"},
+    {"TimeoutNegative", {"-t", "-5", "00"}, "", "", 2, "", "-t: -5 is out of range"},
+    {"TimeoutHuge", {"-t", "99999999999999", "00"}, "", "", 2, "",
+     "-t: 99999999999999 is out of range (0 to 2147483647)"},
+    {"TimeoutText", {"--timeout=abc", "00"}, "", "", 2, "", "'abc' is not a number"},
+    {"HexOdd", {"4b0"}, "", "", 2, "", "bad hex '4b0' in the packet: odd number of digits"},
+    {"HexDigit", {"4g"}, "", "", 2, "", "'g' is not a hex digit"},
+    {"HexTooLong", {std::string(2 * 4097, 'a')}, "", "", 2, "", "4097 bytes; at most 4096"},
+    {"HexNoBytes", {",:"}, "", "", 2, "", "the packet has no bytes"},
+    {"HexSeparators", {"0x4b:FE,0100", "a b"}, "", "", 0,
+     "capacity 16384\n  0000  4B FE 01 00 0A 0B ", ""},
+    {"Help", {"--help"}, "", "", 0, "tolven-diag -n [-m dci|callback] [--linger MS]", ""},
+    {"Version", {"--version"}, "", "", 0, "\nlibtolven_diag: /", ""},
+
+    // The time-out the library applies, in the request line.
+    {"TimeoutTicks", {"-t", "50", "00"}, "", "", 0, "time-out 100 ms (asked 50 ms;", ""},
+    {"TimeoutHex", {"-t", "0x1F4", "00"}, "", "", 0, "time-out 500 ms, capacity", ""},
+    {"CallbackTimeoutReplaced", {"-m", "callback", "-t", "60001", "1c"}, "", "", 0,
+     "time-out 3000 ms (asked 60001 ms; callback mode takes 1 to 60000 ms", ""},
+
+    // Replies, decoded or not, and failures by kind.
+    {"VersionInfo", {"00"}, "", "", 0,
+     "version info:\n  compiled           Nov 02 2026 14:05:09\n", ""},
+    {"BuildIdCallback", {"--mode", "callback", "7c"}, "", "", 0,
+     "  software           TLVMPSS.TN.2.1-00417-TOLVEN_GEN-1\n", ""},
+    {"BadLength", {"1c", "00"}, "", "", 0, "  error              0x15 bad length\n", ""},
+    {"Raw", {"--raw", "00"}, "", "", 0, "reply: 55 bytes", "", "version info:"},
+    {"Capacity", {"--capacity", "8", "00"}, "", "", 0,
+     "(short reply: ends after 8 bytes, inside 'compiled'", ""},
+    {"WholePieces", {"-t", "300", "4b", "fe", "02", "00", "fc", "0f"}, "", "", 0,
+     "note: a DCI reply of whole 4096-byte pieces counts as complete only when", ""},
+    {"TimedOut", {"--timeout", "300", "00"}, kSlow, "", 1, "result: 1 (timed out after 3",
+     "timed out: no complete reply within 300 ms"},
+    {"CallbackTooLong", {"-m", "callback", "-t", "100", "4b", "fe", "02", "00", "00", "30"}, "",
+     "", 1, "reply: none", "callback mode also drops a response over 10240 bytes"},
+    {"Refused", {"-c", "0", "00"}, "", "", 1, "result: 1 (refused)\n",
+     "the capacity must be above 0"},
+    {"WriteError", {"00"}, ">/dev/full", "", 1, "", "cannot write the output: No space left"},
+    {"Verbose", {"--verbose", "00"}, "", "", 0, "RIL[tolven_diag_send.cpp:", ""},
+    {"Json", {"--json", "-v", "00"}, "", "", 0, "\"station_class\":58,\"cai_revision\":11,",
+     "RIL["},
+    {"JsonTimedOut", {"--json", "-t", "300", "00"}, kSlow, "", 1, "\"outcome\":\"timed out\"", ""},
+    {"Count", {"--count", "3", "--interval", "0", "1c"}, "", "", 0, "#2 reply: 3 bytes in ", ""},
+    {"CountSummary", {"--count", "2", "--interval", "0", "1c"}, "", "", 0,
+     "summary: 2 sent, 2 answered, 0 timed out, 0 refused, 0 diag errors; latency min ", ""},
+    {"CountJson", {"--json", "--count", "2", "--interval", "0", "1c"}, "", "", 0,
+     "{\"summary\":{\"sent\":2,\"answered\":2,\"timed_out\":0", ""},
+
+    // The answers file of the simulated modem.
+    {"AnswersShort", {"00"}, "", "# a short version reply\n00 -> 00 4E 6F\n", 0,
+     "(short reply: ends after 3 bytes, inside 'compiled'", ""},
+    {"AnswersEmptyRequest", {"00"}, "", "-> 01\n", 1, "", ":1: empty request"},
+    {"AnswersMissing", {"00"}, "LIBDIAG_SIM_ANSWERS=/nonexistent/answers", "", 1, "",
+     "cannot read /nonexistent/answers: No such file"},
+
+    {"Mdm", {"--mdm"}, "LIBDIAG_SIM_REMOTE_MASK=1", "", 0, "remote modem: present", ""},
+    {"PortMissing", {"--mdm", "--port", "/nonexistent/tty"}, "", "", 0,
+     "remote modem: absent, port /nonexistent/tty\n",
+     "warning: the port /nonexistent/tty: No such file or directory"},
+
+    // Fire and forget: the default linger outlasts the worker, whose last trace line shows.
+    {"NoWaitDci", {"-v", "-n", "1c"}, "", "", 0,
+     "dci_mode_thread_proc: function exit <-------------", ""},
+    {"NoWaitCallback", {"-v", "-n", "-m", "callback", "1c"}, "", "", 0,
+     "callback_mode_thread_proc: function exit <-------------", ""},
+
+    // The offline-log update: which property test failed, or which directory is missing.
+    {"OfflineDefaults", {"--offline-log-dir", "20260101"}, "", "", 0,
+     "changed: no\n  the update acts only when all four property tests pass:\n"
+     "  failed: persist.vendor.radio.diag_log_auto is \"null\"", ""},
+    {"OfflineEnable", with_props({"--prop", "debug.offline_log.enable=", "--offline-log-dir", "d"}),
+     "", "", 0, "  failed: debug.offline_log.enable is \"false\", not \"true\"\n", ""},
+    {"OfflineDirs", with_props({"--offline-log-dir", "20260101"}), "", "",
+     have_modem_data() ? 0 : 1,
+     have_modem_data() ? "/diag_logs/20260101: exists"
+                       : "directory /data/vendor/modem/diag_logs/: missing (No such file", ""},
+};
+// clang-format on
+
+// Names the row in test listings instead of dumping its bytes.
+void PrintTo(const Case& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class ToolCase : public ::testing::TestWithParam<Case> {};
+
+TEST_P(ToolCase, Run) {
+    const Case& c = GetParam();
+    std::string prefix = c.prefix;
+    std::string answers_path;
+    if (!c.answers.empty()) {
+        answers_path = ::testing::TempDir() + "tool_test_answers_" + std::to_string(getpid());
+        std::ofstream(answers_path) << c.answers;
+        prefix += " LIBDIAG_SIM_ANSWERS='" + answers_path + "'";
     }
+    Outcome r = run_tool(c.args, prefix);
+    if (!answers_path.empty()) unlink(answers_path.c_str());
+    EXPECT_EQ(r.exit_code, c.exit_code) << r.out << r.err;
+    EXPECT_NE(r.out.find(c.out_has), std::string::npos) << r.out;
+    EXPECT_NE(r.err.find(c.err_has), std::string::npos) << r.err;
+    if (!c.out_lacks.empty()) {
+        EXPECT_EQ(r.out.find(c.out_lacks), std::string::npos) << r.out;
+    }
+    // The library's trace reaches stdout only with --verbose, and not with --json.
+    std::set<std::string> args(c.args.begin(), c.args.end());
+    bool trace_out = (args.count("-v") || args.count("--verbose")) && !args.count("--json");
+    EXPECT_EQ(r.out.find("RIL[") != std::string::npos, trace_out) << r.out;
+    // A usage error is reported on stderr alone; any other run says what it did on stdout.
+    if (r.exit_code == 2) {
+        EXPECT_EQ(r.out, "");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, ToolCase, ::testing::ValuesIn(kCases),
+                         [](const ::testing::TestParamInfo<Case>& info) {
+                             return std::string(info.param.name);
+                         });
+
+// Every option of the README's table is in --help and in the man page, which is generated from
+// the README (tests/CMakeLists.txt checks that the two agree).
+TEST(Tool, HelpCoversReadmeOptions) {
+    const std::string readme = read_file(TOLVEN_SOURCE_DIR "/README.md");
+    const std::string help = run_tool({"--help"}, "").out;
+    int rows = 0;
+    std::istringstream in(readme);
+    for (std::string line; std::getline(in, line);) {
+        // "| `-m`, `--mode MODE` | ..." or "| `--raw` | ..."
+        if (line.rfind("| `-", 0) != 0) continue;
+        std::string cell = line.substr(0, line.find(" | ", 2));
+        size_t at = cell.find("`--");
+        if (at == std::string::npos) continue;
+        std::string name = cell.substr(at + 1, cell.find_first_of(" `", at + 1) - at - 1);
+        std::string wanted = cell.rfind("| `--", 0) == 0 ? name : cell.substr(3, 2) + ", " + name;
+        ++rows;
+        EXPECT_NE(help.find(wanted), std::string::npos) << wanted;
+    }
+    EXPECT_GE(rows, 17);
 }
 
 }  // namespace

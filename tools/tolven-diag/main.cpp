@@ -1,402 +1,658 @@
 // tolven-diag: sends one raw diag command packet through libtolven_diag and prints the reply.
-// Uses only the library's public header, property_set and POSIX, so that the same source builds
-// for the device and for the host stand-ins.
+// Uses only the library's public header, the property store and POSIX, so that the same source
+// builds for the device and for the host stand-ins.
 
 #include <ctype.h>
+#include <dlfcn.h>
+#include <elf.h>
 #include <errno.h>
-#include <getopt.h>
-#include <limits.h>
+#include <link.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <fstream>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "args.h"
+#include "decode.h"
 #include "tolven_diag.h"
 
-// libcutils on the device, the property stand-in on the host; both share this prototype.
+// libcutils on the device, the property stand-in on the host; both share these prototypes.
 extern "C" int property_set(const char* key, const char* value);
+extern "C" int property_get(const char* key, char* value, const char* default_value);
 
 #ifndef TOLVEN_DIAG_TOOL_VERSION
 #define TOLVEN_DIAG_TOOL_VERSION "unknown"
 #endif
 
+using namespace tolven_diag_tool;
+
 namespace {
 
 constexpr char kProg[] = "tolven-diag";
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-constexpr int kMaxPacket = 4096;
-// Far above any reply the library can collect; keeps a typo from allocating gigabytes.
-constexpr int kMaxCapacity = 1 << 20;
-constexpr int kDefaultTimeoutMs = 3000;
-constexpr int kDefaultCapacity = 16384;
-// A worker lives about 4 s after it is started, 1 s of which the send call already held.
-constexpr int kDefaultLingerMs = 4500;
-constexpr int kOfflineDirSize = 500;
+constexpr char kLogRoot[] = "/data/vendor/modem/diag_logs/";
 
-enum class Mode { kDci, kCallback };
+// Where results go: standard output, or with --json a copy of it while standard output itself,
+// which the library's trace uses, is pointed at standard error.
+FILE* g_out = stdout;
 
-struct Options {
-    Mode mode = Mode::kDci;
-    int timeout_ms = kDefaultTimeoutMs;
-    int capacity = kDefaultCapacity;
-    int linger_ms = kDefaultLingerMs;
-    bool no_wait = false;
-    bool verbose = false;
-    bool mdm = false;
-    bool offline = false;
-    bool has_out_dir = false;
-    std::string offline_date;
-    std::string out_dir;
-    std::vector<std::pair<std::string, std::string>> props;
-    std::vector<uint8_t> packet;
-    bool has_packet = false;
-};
-
-const char kUsage[] =
-        "Usage: tolven-diag [OPTIONS] HEX...\n"
-        "       tolven-diag --mdm\n"
-        "       tolven-diag [--prop KEY=VALUE]... --offline-log-dir DATE [--out-dir DIR]\n"
-        "\n"
-        "Sends one diag command packet to the modem through libtolven_diag and prints the\n"
-        "reply as hex with its length and the library's result (0 success, 1 failure).\n"
-        "\n"
-        "The packet is given as hex bytes, in one or several arguments: 4b 0f 00 00,\n"
-        "4b0f0000, \"4b 0f 00 00\" and 0x4b 0x0f 0x00 0x00 are the same 4-byte packet.\n"
-        "A lone digit is one byte; longer groups need an even number of digits.\n"
-        "A packet has 1 to 4096 bytes.\n"
-        "\n"
-        "Options:\n"
-        "  -m, --mode MODE        transport: dci (default) or callback\n"
-        "  -t, --timeout MS       how long to wait for the reply (default 3000);\n"
-        "                         the library counts it in 100 ms ticks\n"
-        "  -c, --capacity N       reply buffer size in bytes (default 16384); a\n"
-        "                         longer reply is cut; the library refuses 0 or less\n"
-        "  -n, --no-wait          fire and forget: a worker thread of the library\n"
-        "                         sends the packet and only logs the reply\n"
-        "      --linger MS        with --no-wait: wait MS before exiting so that the\n"
-        "                         worker can finish and log (default 4500)\n"
-        "      --mdm              tell whether a remote modem is present\n"
-        "      --offline-log-dir DATE\n"
-        "                         run the offline-log auto-start directory update\n"
-        "                         with DATE and print the resulting directory\n"
-        "      --out-dir DIR      directory handed to that update (default empty)\n"
-        "      --prop KEY=VALUE   set a system property first (repeatable); an\n"
-        "                         empty VALUE unsets it\n"
-        "  -v, --verbose          show the library's trace lines on stdout\n"
-        "  -h, --help             show this help and exit\n"
-        "      --version          show the version and exit\n"
-        "\n"
-        "Examples:\n"
-        "  tolven-diag 00                      version info\n"
-        "  tolven-diag --mode callback 7c      extended build id, callback mode\n"
-        "  tolven-diag -t 500 4b fe 01 00 aa   subsystem command, 500 ms time-out\n"
-        "  tolven-diag -v --no-wait 1c         fire and forget, watch the worker's trace\n"
-        "  tolven-diag --mdm\n"
-        "\n"
-        "Exit status: 0 success; 1 the library reported a failure (bad parameter, diag\n"
-        "error or time-out) or a property could not be set; 2 bad usage.\n";
-
-int usage_error(const std::string& message) {
-    fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProg, message.c_str(),
-            kProg);
-    return kExitUsage;
+void error(const std::string& message) {
+    fprintf(stderr, "%s: %s\n", kProg, message.c_str());
 }
 
-bool parse_int(const char* text, int* out) {
-    errno = 0;
-    char* end = nullptr;
-    long v = strtol(text, &end, 10);
-    if (end == text || *end != '\0' || errno != 0 || v < INT_MIN || v > INT_MAX) return false;
-    *out = static_cast<int>(v);
-    return true;
-}
-
-int hex_value(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-// Appends the bytes of one argument; on failure names the offending group in |bad|.
-bool parse_hex_arg(const char* arg, std::vector<uint8_t>* out, std::string* bad) {
-    const char* p = arg;
-    while (*p != '\0') {
-        if (isspace(static_cast<unsigned char>(*p))) {
-            ++p;
-            continue;
-        }
-        const char* start = p;
-        while (*p != '\0' && !isspace(static_cast<unsigned char>(*p))) ++p;
-        std::string group(start, p);
-        std::string digits = group;
-        if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) {
-            digits.erase(0, 2);
-        }
-        bool ok = digits.size() == 1 || digits.size() % 2 == 0;
-        for (char c : digits) ok = ok && hex_value(c) >= 0;
-        if (!ok) {
-            *bad = group;
-            return false;
-        }
-        if (digits.size() == 1) {
-            out->push_back(static_cast<uint8_t>(hex_value(digits[0])));
-            continue;
-        }
-        for (size_t i = 0; i < digits.size(); i += 2) {
-            out->push_back(
-                    static_cast<uint8_t>(hex_value(digits[i]) * 16 + hex_value(digits[i + 1])));
-        }
-    }
-    return true;
-}
-
-enum LongOnly { kOptLinger = 256, kOptMdm, kOptOffline, kOptOutDir, kOptProp, kOptVersion };
-
-// Returns -1 to go on, or the exit status.
-int parse_args(int argc, char** argv, Options* o) {
-    static const option kLong[] = {
-            {"mode", required_argument, nullptr, 'm'},
-            {"timeout", required_argument, nullptr, 't'},
-            {"capacity", required_argument, nullptr, 'c'},
-            {"no-wait", no_argument, nullptr, 'n'},
-            {"linger", required_argument, nullptr, kOptLinger},
-            {"mdm", no_argument, nullptr, kOptMdm},
-            {"offline-log-dir", required_argument, nullptr, kOptOffline},
-            {"out-dir", required_argument, nullptr, kOptOutDir},
-            {"prop", required_argument, nullptr, kOptProp},
-            {"verbose", no_argument, nullptr, 'v'},
-            {"help", no_argument, nullptr, 'h'},
-            {"version", no_argument, nullptr, kOptVersion},
-            {nullptr, 0, nullptr, 0},
-    };
-    opterr = 0;  // the messages below say more
-    int c;
-    while ((c = getopt_long(argc, argv, ":m:t:c:nvh", kLong, nullptr)) != -1) {
-        switch (c) {
-            case 'm':
-                if (strcmp(optarg, "dci") == 0) {
-                    o->mode = Mode::kDci;
-                } else if (strcmp(optarg, "callback") == 0) {
-                    o->mode = Mode::kCallback;
-                } else {
-                    return usage_error(std::string("--mode: expected dci or callback, not '") +
-                                       optarg + "'");
-                }
-                break;
-            case 't':
-                if (!parse_int(optarg, &o->timeout_ms)) {
-                    return usage_error(std::string("--timeout: not a number of milliseconds: '") +
-                                       optarg + "'");
-                }
-                break;
-            case 'c':
-                if (!parse_int(optarg, &o->capacity)) {
-                    return usage_error(std::string("--capacity: not a number: '") + optarg + "'");
-                }
-                if (o->capacity > kMaxCapacity) {
-                    return usage_error("--capacity: at most " + std::to_string(kMaxCapacity));
-                }
-                break;
-            case 'n':
-                o->no_wait = true;
-                break;
-            case kOptLinger:
-                if (!parse_int(optarg, &o->linger_ms) || o->linger_ms < 0) {
-                    return usage_error(std::string("--linger: not a number of milliseconds: '") +
-                                       optarg + "'");
-                }
-                break;
-            case kOptMdm:
-                o->mdm = true;
-                break;
-            case kOptOffline:
-                o->offline = true;
-                o->offline_date = optarg;
-                break;
-            case kOptOutDir:
-                o->has_out_dir = true;
-                o->out_dir = optarg;
-                if (o->out_dir.size() >= kOfflineDirSize) {
-                    return usage_error("--out-dir: longer than " +
-                                       std::to_string(kOfflineDirSize - 1) + " characters");
-                }
-                break;
-            case kOptProp: {
-                const char* eq = strchr(optarg, '=');
-                if (eq == nullptr || eq == optarg) {
-                    return usage_error(std::string("--prop: expected KEY=VALUE, not '") + optarg +
-                                       "'");
-                }
-                o->props.emplace_back(std::string(optarg, eq - optarg), std::string(eq + 1));
-                break;
-            }
-            case 'v':
-                o->verbose = true;
-                break;
-            case 'h':
-                fputs(kUsage, stdout);
-                return kExitOk;
-            case kOptVersion:
-                printf("%s %s\n", kProg, TOLVEN_DIAG_TOOL_VERSION);
-                return kExitOk;
-            default: {
-                // Long options are named as written; short ones by the letter, even in a cluster.
-                std::string arg = argv[optind - 1];
-                bool is_long = arg.compare(0, 2, "--") == 0;
-                std::string name = is_long ? arg.substr(0, arg.find('='))
-                                           : std::string("-") + static_cast<char>(optopt);
-                if (c == ':') return usage_error("option " + name + " needs a value");
-                if (is_long && optopt != 0) {
-                    return usage_error("option " + name + " takes no value");
-                }
-                return usage_error("unknown option " + name);
-            }
-        }
-    }
-
-    for (int i = optind; i < argc; ++i) {
-        std::string bad;
-        if (!parse_hex_arg(argv[i], &o->packet, &bad)) {
-            return usage_error("bad hex '" + bad + "' in the packet");
-        }
-        o->has_packet = true;
-    }
-    int actions = (o->has_packet ? 1 : 0) + (o->mdm ? 1 : 0) + (o->offline ? 1 : 0);
-    if (actions == 0) return usage_error("no packet given");
-    if (actions > 1) return usage_error("give only one of a packet, --mdm, --offline-log-dir");
-    if (o->has_out_dir && !o->offline) return usage_error("--out-dir needs --offline-log-dir");
-    if (o->has_packet && o->packet.empty()) return usage_error("the packet has no bytes");
-    if (o->packet.size() > static_cast<size_t>(kMaxPacket)) {
-        return usage_error("the packet has " + std::to_string(o->packet.size()) +
-                           " bytes; at most " + std::to_string(kMaxPacket));
-    }
-    return -1;
-}
-
-// Rows of 16 bytes: offset, hex, printable characters.
-void dump(const uint8_t* data, size_t len) {
-    for (size_t row = 0; row < len; row += 16) {
-        printf("  %04zX ", row);
-        for (size_t i = row; i < row + 16; ++i) {
-            if (i < len) {
-                printf(" %02X", data[i]);
-            } else {
-                fputs("   ", stdout);
-            }
-        }
-        fputs("  ", stdout);
-        for (size_t i = row; i < row + 16 && i < len; ++i) {
-            putchar(isprint(data[i]) ? data[i] : '.');
-        }
-        putchar('\n');
-    }
-}
-
-std::string bytes(int n) {
-    return std::to_string(n) + (n == 1 ? " byte" : " bytes");
-}
-
-const char* mode_name(Mode mode) {
-    return mode == Mode::kDci ? "dci" : "callback";
-}
-
-// Threads that libdiag starts from the worker inherit its name, so there is no telling from
-// outside when the worker itself is gone: wait the whole time.
-void linger(int ms) {
+void sleep_ms(int ms) {
     timespec ts{ms / 1000, (ms % 1000) * 1000000L};
     while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
     }
 }
 
-int send_no_wait(const Options& o) {
-    const uint8_t* data = o.packet.data();
-    int len = static_cast<int>(o.packet.size());
-    printf("request: %s, %s mode, no wait\n", bytes(len).c_str(), mode_name(o.mode));
-    dump(data, o.packet.size());
-    int result = o.mode == Mode::kDci
-                         ? tolven_diag_cmd_send_without_result(data, len)
-                         : tolven_diag_cmd_send_without_result_by_callback_mode(data, len);
-    if (result != 0) {
-        printf("result: %d (failed)\n", result);
-        fprintf(stderr, "%s: the library refused the packet\n", kProg);
-        return kExitFailed;
+std::string bytes(size_t n) {
+    return std::to_string(n) + (n == 1 ? " byte" : " bytes");
+}
+
+std::string ms_text(double ms) {
+    char text[32];
+    snprintf(text, sizeof text, "%.1f ms", ms);
+    return text;
+}
+
+// Rows of 16 bytes: offset, hex, printable characters.
+void dump(const uint8_t* data, size_t len) {
+    for (size_t row = 0; row < len; row += 16) {
+        fprintf(g_out, "  %04zX ", row);
+        for (size_t i = row; i < row + 16; ++i) {
+            if (i < len) {
+                fprintf(g_out, " %02X", data[i]);
+            } else {
+                fputs("   ", g_out);
+            }
+        }
+        fputs("  ", g_out);
+        for (size_t i = row; i < row + 16 && i < len; ++i) {
+            fputc(isprint(data[i]) ? data[i] : '.', g_out);
+        }
+        fputc('\n', g_out);
     }
-    printf("handed to a worker thread; its reply is only logged%s\n",
-           o.verbose ? "" : " (--verbose shows it)");
-    printf("waiting %d ms for the worker to finish\n", o.linger_ms);
-    linger(o.linger_ms);
-    printf("result: 0 (ok)\n");
-    return kExitOk;
+}
+
+std::string json_string(const std::string& s) {
+    std::string out = "\"";
+    for (unsigned char c : s) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20 || c >= 0x7F) {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\u%04X", c);
+            out += esc;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
+}
+
+std::string json_key(const std::string& name) {
+    std::string key;
+    for (char c : name) key += c == ' ' ? '_' : static_cast<char>(tolower(c));
+    return key;
+}
+
+std::string json_hex(const std::vector<uint8_t>& data) {
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string hex;
+    for (uint8_t b : data) {
+        hex += kDigits[b >> 4];
+        hex += kDigits[b & 0x0F];
+    }
+    return hex;
+}
+
+std::string json_number(double v) {
+    char text[32];
+    snprintf(text, sizeof text, "%.1f", v);
+    return text;
+}
+
+// ---- The answers file of the simulated modem (host only) ----
+
+std::string trim(const std::string& s) {
+    size_t b = s.find_first_not_of(" \t\r");
+    if (b == std::string::npos) return "";
+    return s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
+}
+
+bool answer_hex(const std::string& text) {
+    size_t digits = 0;
+    for (char c : text) {
+        if (c == ' ' || c == '\t') continue;
+        if (!isxdigit(static_cast<unsigned char>(c))) return false;
+        ++digits;
+    }
+    return digits > 0 && digits % 2 == 0;
+}
+
+// Decimal or 0x hex milliseconds.
+bool answer_delay(const std::string& text) {
+    bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    std::string digits = hex ? text.substr(2) : text;
+    return !digits.empty() && digits.find_first_not_of(hex ? "0123456789abcdefABCDEF"
+                                                           : "0123456789") == std::string::npos;
+}
+
+// The simulator only warns about a file it cannot read and takes an empty request as a prefix of
+// every request; a run on such a file would answer something else than the user meant.
+bool check_answers_file(const char* path, std::string* why) {
+    std::ifstream in(path);
+    if (!in) {
+        *why = std::string("cannot read ") + path + ": " + strerror(errno);
+        return false;
+    }
+    std::string line;
+    for (int n = 1; std::getline(in, line); ++n) {
+        line = trim(line.substr(0, line.find('#')));
+        if (line.empty()) continue;
+        size_t arrow = line.find("->");
+        std::string where = std::string(path) + ":" + std::to_string(n) + ": ";
+        if (arrow == std::string::npos) {
+            *why = where + "expected 'REQUEST_HEX -> REPLY_HEX|none [@ MS]'";
+            return false;
+        }
+        std::string request = trim(line.substr(0, arrow));
+        size_t at = line.find('@', arrow);
+        std::string reply = trim(line.substr(
+                arrow + 2, at == std::string::npos ? std::string::npos : at - arrow - 2));
+        std::string delay = at == std::string::npos ? "0" : trim(line.substr(at + 1));
+        if (request.empty()) {
+            *why = where + "empty request (it would match every command)";
+        } else if (!answer_hex(request)) {
+            *why = where + "bad request hex '" + printable(request) + "' (pairs of hex digits)";
+        } else if (reply != "none" && !answer_hex(reply)) {
+            *why = where + "bad reply '" + printable(reply) + "' (pairs of hex digits, or none)";
+        } else if (!answer_delay(delay)) {
+            *why = where + "bad delay '" + printable(delay) + "' (milliseconds)";
+        } else {
+            continue;
+        }
+        return false;
+    }
+    return true;
+}
+
+// ---- Sends ----
+
+enum class Outcome { kOk, kRefused, kDiagError, kTimedOut };
+
+const char* outcome_name(Outcome o) {
+    switch (o) {
+        case Outcome::kOk:
+            return "ok";
+        case Outcome::kRefused:
+            return "refused";
+        case Outcome::kDiagError:
+            return "diag error";
+        case Outcome::kTimedOut:
+            return "timed out";
+    }
+    return "";
+}
+
+struct Run {
+    int seq = 1;
+    int result = 1;
+    Outcome outcome = Outcome::kDiagError;
+    double elapsed_ms = 0;
+    std::vector<uint8_t> reply;
+    std::string why;                 // for a failure
+    std::vector<std::string> notes;  // for a success
+};
+
+// Why the diag library cannot use |port|, or "" when it exists and opens for reading and writing.
+std::string port_problem(const std::string& port) {
+    struct stat st;
+    if (stat(port.c_str(), &st) != 0) return "the port " + port + ": " + strerror(errno);
+    if (access(port.c_str(), R_OK | W_OK) != 0) {
+        return "the port " + port + " cannot be opened for reading and writing: " + strerror(errno);
+    }
+    return "";
+}
+
+// Before a call whose failure the tool cannot see: a port that cannot work.
+void warn_port(const Options& o, const char* consequence) {
+    std::string problem = o.port.empty() ? "" : port_problem(o.port);
+    if (!problem.empty()) error("warning: " + problem + "; " + consequence);
+}
+
+Run send_once(const Options& o, int seq) {
+    Run run;
+    run.seq = seq;
+    const int timeout = effective_timeout_ms(o.mode, o.timeout_ms);
+    // The buffer matches the capacity handed over; 0 still gets a valid pointer.
+    std::vector<uint8_t> buf(std::max(o.capacity, 1));
+    int reply_len = o.capacity;
+    const int len = static_cast<int>(o.packet.size());
+    auto start = std::chrono::steady_clock::now();
+    run.result = o.mode == Mode::kDci
+                         ? tolven_diag_cmd_send_with_result(o.packet.data(), len, o.timeout_ms,
+                                                            buf.data(), &reply_len)
+                         : tolven_diag_cmd_send_with_result_by_callback_mode(
+                                   o.packet.data(), len, o.timeout_ms, buf.data(), &reply_len);
+    run.elapsed_ms =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                    .count();
+    if (run.result == 0) {
+        run.outcome = Outcome::kOk;
+        run.reply.assign(buf.begin(), buf.begin() + std::clamp(reply_len, 0, o.capacity));
+        if (reply_len == o.capacity) {
+            run.notes.push_back("the reply fills the capacity; it may have been cut");
+        }
+        if (o.mode == Mode::kDci && reply_len > 0 && reply_len % kDciPieceLen == 0) {
+            run.notes.push_back(
+                    "a DCI reply of whole 4096-byte pieces counts as complete only when the "
+                    "time-out runs out");
+        }
+        return run;
+    }
+    // The library checks the packet (1 to 4096 bytes, already enforced) and the capacity
+    // before any diag call; past those checks only a diag call or the time-out fails.
+    if (o.capacity <= 0) {
+        run.outcome = Outcome::kRefused;
+        run.why = "the library refused the send: the capacity must be above 0, not " +
+                  std::to_string(o.capacity);
+    } else if (run.elapsed_ms >= timeout - 1) {
+        run.outcome = Outcome::kTimedOut;
+        run.why = "timed out: no complete reply within " + std::to_string(timeout) + " ms";
+        if (o.mode == Mode::kCallback) {
+            run.why += " (callback mode also drops a response over " +
+                       std::to_string(kCallbackMaxResponse) + " bytes)";
+        }
+    } else {
+        run.outcome = Outcome::kDiagError;
+        run.why = "a diag library call failed after " + ms_text(run.elapsed_ms);
+        if (!o.port.empty()) {
+            std::string problem = port_problem(o.port);
+            run.why += "; " + (problem.empty() ? "check that " + o.port + " is the modem's diag port"
+                                               : problem);
+        }
+        run.why += o.verbose ? "" : " (--verbose shows which)";
+    }
+    return run;
+}
+
+void print_decoded(const Options& o, const Run& run, const std::vector<uint8_t>& request) {
+    Decoded d;
+    if (o.raw || !decode_reply(request, run.reply.data(), run.reply.size(), &d)) return;
+    fprintf(g_out, "%s:\n", d.kind.c_str());
+    for (const Field& f : d.fields) fprintf(g_out, "  %-18s %s\n", f.name.c_str(), f.text.c_str());
+    if (!d.note.empty()) fprintf(g_out, "  (%s)\n", d.note.c_str());
+}
+
+void print_text(const Options& o, const Run& run, const Run* shown) {
+    std::string tag = o.count > 1 ? "#" + std::to_string(run.seq) + " " : "";
+    if (run.outcome != Outcome::kOk) {
+        std::string after =
+                run.outcome == Outcome::kRefused ? "" : " after " + ms_text(run.elapsed_ms);
+        fprintf(g_out, "%sreply: none\n%sresult: %d (%s%s)\n", tag.c_str(), tag.c_str(), run.result,
+                outcome_name(run.outcome), after.c_str());
+        error(tag + run.why);
+        return;
+    }
+    bool same = shown != nullptr && shown->reply == run.reply;
+    fprintf(g_out, "%sreply: %s in %s%s\n", tag.c_str(), bytes(run.reply.size()).c_str(),
+            ms_text(run.elapsed_ms).c_str(),
+            same ? (", same as #" + std::to_string(shown->seq)).c_str() : "");
+    if (!same) {
+        dump(run.reply.data(), run.reply.size());
+        print_decoded(o, run, o.packet);
+        for (const std::string& n : run.notes) fprintf(g_out, "note: %s\n", n.c_str());
+    }
+    fprintf(g_out, "%sresult: 0 (ok)\n", tag.c_str());
+}
+
+void print_json(const Options& o, const Run& run) {
+    std::string j = "{\"seq\":" + std::to_string(run.seq);
+    j += ",\"request\":" + json_string(json_hex(o.packet));
+    j += ",\"mode\":" + json_string(mode_name(o.mode));
+    if (!o.port.empty()) j += ",\"port\":" + json_string(o.port);
+    j += ",\"timeout_ms\":" + std::to_string(effective_timeout_ms(o.mode, o.timeout_ms));
+    j += ",\"timeout_asked_ms\":" + std::to_string(o.timeout_ms);
+    j += ",\"capacity\":" + std::to_string(o.capacity);
+    j += ",\"result\":" + std::to_string(run.result);
+    j += ",\"outcome\":" + json_string(outcome_name(run.outcome));
+    j += ",\"elapsed_ms\":" + json_number(run.elapsed_ms);
+    if (run.outcome != Outcome::kOk) {
+        j += ",\"reply\":null,\"error\":" + json_string(run.why) + "}";
+        fprintf(g_out, "%s\n", j.c_str());
+        return;
+    }
+    j += ",\"reply_len\":" + std::to_string(run.reply.size());
+    j += ",\"reply\":" + json_string(json_hex(run.reply));
+    Decoded d;
+    if (!o.raw && decode_reply(o.packet, run.reply.data(), run.reply.size(), &d)) {
+        j += ",\"decoded\":{\"kind\":" + json_string(d.kind);
+        for (const Field& f : d.fields) {
+            j += "," + json_string(json_key(f.name)) + ":" +
+                 (f.has_number ? std::to_string(f.number) : json_string(f.text));
+        }
+        if (!d.note.empty()) j += ",\"note\":" + json_string(d.note);
+        j += "}";
+    }
+    if (!run.notes.empty()) {
+        j += ",\"notes\":[";
+        for (size_t i = 0; i < run.notes.size(); ++i) {
+            j += (i == 0 ? "" : ",") + json_string(run.notes[i]);
+        }
+        j += "]";
+    }
+    fprintf(g_out, "%s}\n", j.c_str());
+}
+
+void print_summary(const Options& o, const std::vector<Run>& runs) {
+    int counts[4] = {};
+    std::vector<double> latency;
+    for (const Run& r : runs) {
+        counts[static_cast<int>(r.outcome)]++;
+        if (r.outcome == Outcome::kOk) latency.push_back(r.elapsed_ms);
+    }
+    std::sort(latency.begin(), latency.end());
+    double median = 0;
+    if (!latency.empty()) {
+        size_t mid = latency.size() / 2;
+        median = latency.size() % 2 ? latency[mid] : (latency[mid - 1] + latency[mid]) / 2;
+    }
+    const int ok = counts[static_cast<int>(Outcome::kOk)];
+    const int refused = counts[static_cast<int>(Outcome::kRefused)];
+    const int diag = counts[static_cast<int>(Outcome::kDiagError)];
+    const int timed_out = counts[static_cast<int>(Outcome::kTimedOut)];
+    if (o.json) {
+        std::string j = "{\"summary\":{\"sent\":" + std::to_string(runs.size()) +
+                        ",\"answered\":" + std::to_string(ok) +
+                        ",\"timed_out\":" + std::to_string(timed_out) +
+                        ",\"refused\":" + std::to_string(refused) +
+                        ",\"diag_errors\":" + std::to_string(diag) + ",\"latency_ms\":";
+        j += latency.empty() ? "null"
+                             : "{\"min\":" + json_number(latency.front()) +
+                                       ",\"median\":" + json_number(median) +
+                                       ",\"max\":" + json_number(latency.back()) + "}";
+        fprintf(g_out, "%s}}\n", j.c_str());
+        return;
+    }
+    fprintf(g_out, "summary: %zu sent, %d answered, %d timed out, %d refused, %d diag errors",
+            runs.size(), ok, timed_out, refused, diag);
+    if (!latency.empty()) {
+        fprintf(g_out, "; latency min %s, median %s, max %s", ms_text(latency.front()).c_str(),
+                ms_text(median).c_str(), ms_text(latency.back()).c_str());
+    }
+    fputc('\n', g_out);
+}
+
+std::string port_text(const Options& o) {
+    return o.port.empty() ? "" : ", port " + o.port;
 }
 
 int send_with_result(const Options& o) {
-    const uint8_t* data = o.packet.data();
-    int len = static_cast<int>(o.packet.size());
-    printf("request: %s, %s mode, time-out %d ms, capacity %d\n", bytes(len).c_str(),
-           mode_name(o.mode), o.timeout_ms, o.capacity);
-    dump(data, o.packet.size());
-    // The buffer matches the capacity handed over; 0 or less still gets a valid pointer.
-    std::vector<uint8_t> reply(o.capacity > 0 ? o.capacity : 1);
-    int reply_len = o.capacity;
-    int result = o.mode == Mode::kDci ? tolven_diag_cmd_send_with_result(data, len, o.timeout_ms,
-                                                                         reply.data(), &reply_len)
-                                      : tolven_diag_cmd_send_with_result_by_callback_mode(
-                                                data, len, o.timeout_ms, reply.data(), &reply_len);
+    if (!o.json) {
+        std::string note = timeout_note(o.mode, o.timeout_ms);
+        fprintf(g_out, "request: %s, %s mode, time-out %d ms%s, capacity %d%s",
+                bytes(o.packet.size()).c_str(), mode_name(o.mode),
+                effective_timeout_ms(o.mode, o.timeout_ms),
+                note.empty() ? "" : (" (" + note + ")").c_str(), o.capacity, port_text(o).c_str());
+        if (o.count > 1) fprintf(g_out, ", %d times every %d ms", o.count, o.interval_ms);
+        fputc('\n', g_out);
+        dump(o.packet.data(), o.packet.size());
+    }
+    std::vector<Run> runs;
+    runs.reserve(o.count);
+    const Run* shown = nullptr;  // the last reply shown in full
+    for (int seq = 1; seq <= o.count; ++seq) {
+        if (seq > 1) sleep_ms(o.interval_ms);
+        runs.push_back(send_once(o, seq));
+        const Run& run = runs.back();
+        if (o.json) {
+            print_json(o, run);
+            if (run.outcome != Outcome::kOk) error(run.why);
+        } else {
+            print_text(o, run, shown);
+        }
+        if (run.outcome == Outcome::kOk && (shown == nullptr || shown->reply != run.reply)) {
+            shown = &run;
+        }
+    }
+    if (o.count > 1) print_summary(o, runs);
+    bool all_ok = std::all_of(runs.begin(), runs.end(),
+                              [](const Run& r) { return r.outcome == Outcome::kOk; });
+    return all_ok ? kExitOk : kExitFailed;
+}
+
+int send_no_wait(const Options& o) {
+    const int len = static_cast<int>(o.packet.size());
+    fprintf(g_out, "request: %s, %s mode, no wait%s\n", bytes(len).c_str(), mode_name(o.mode),
+            port_text(o).c_str());
+    dump(o.packet.data(), o.packet.size());
+    int result = o.mode == Mode::kDci ? tolven_diag_cmd_send_without_result(o.packet.data(), len)
+                                      : tolven_diag_cmd_send_without_result_by_callback_mode(
+                                                o.packet.data(), len);
     if (result != 0) {
-        // The reply length is not trustworthy on failure: it may be the untouched capacity.
-        printf("reply: none\nresult: %d (failed)\n", result);
-        fprintf(stderr, "%s: the send failed (bad parameter, diag error or time-out)%s\n", kProg,
-                o.verbose ? "" : "; --verbose shows the library's trace");
+        fprintf(g_out, "result: %d (refused)\n", result);
+        error("the library refused the packet");
         return kExitFailed;
     }
-    printf("reply: %s\n", bytes(reply_len).c_str());
-    if (reply_len > 0 && reply_len <= o.capacity) dump(reply.data(), reply_len);
-    printf("result: 0 (ok)\n");
+    fprintf(g_out, "handed to a worker thread; it logs only the length of each answer%s\n",
+            o.verbose ? "" : " (--verbose shows its trace)");
+    int linger = o.linger_ms >= 0 ? o.linger_ms : worker_remaining_ms(o.mode);
+    fprintf(g_out, "waiting %d ms %s\n", linger,
+            o.linger_ms >= 0 ? "(--linger)" : "for the worker to end");
+    sleep_ms(linger);
+    fprintf(g_out, "result: 0 (ok)\n");
     return kExitOk;
 }
 
+// ---- Offline log ----
+
+std::string prop(const char* key, const char* fallback) {
+    char value[kOfflineDirSize] = {};
+    property_get(key, value, fallback);
+    return value;
+}
+
+std::string dir_state(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) return std::string("missing (") + strerror(errno) + ")";
+    return S_ISDIR(st.st_mode) ? "exists" : "not a directory";
+}
+
 int offline_log_dir(const Options& o) {
+    const char* kSwitch = "persist.vendor.radio.diag_log_auto";
+    const char* kTrigger = "persist.vendor.radio.diag_log_trriger";
+    const char* kModule = "debug.offline_log.module";
+    const char* kEnable = "debug.offline_log.enable";
     char dir[kOfflineDirSize] = {};
     memcpy(dir, o.out_dir.data(), o.out_dir.size());
-    std::string before = dir;
+    const std::string before = dir;
     diag_mdlog_update_output_dir_for_offline_log_auto_start(o.offline_date.c_str(), dir,
                                                             kOfflineDirSize);
     dir[kOfflineDirSize - 1] = '\0';
-    printf("output dir: %s\n", dir[0] != '\0' ? dir : "(empty)");
-    printf("changed: %s\n", before == dir ? "no" : "yes");
+    fprintf(g_out, "output dir: %s\n", dir[0] != '\0' ? dir : "(empty)");
+    fprintf(g_out, "changed: %s\n", before == dir ? "no" : "yes");
+
+    // The same four tests the library makes, with its defaults.
+    const std::string sw = prop(kSwitch, "null");
+    const std::string tr = prop(kTrigger, "null");
+    const std::string module = prop(kModule, "null");
+    const std::string enable = prop(kEnable, "false");
+    std::vector<std::string> failed;
+    auto quote = [](const std::string& v) { return "\"" + printable(v) + "\""; };
+    if (sw == "null")
+        failed.push_back(std::string(kSwitch) + " is \"null\"; it must name a module");
+    if (sw != module) {
+        failed.push_back(std::string(kSwitch) + " " + quote(sw) + " differs from " + kModule + " " +
+                         quote(module));
+    }
+    if (tr != module) {
+        failed.push_back(std::string(kTrigger) + " " + quote(tr) + " differs from " + kModule +
+                         " " + quote(module));
+    }
+    if (enable != "true") {
+        failed.push_back(std::string(kEnable) + " is " + quote(enable) + ", not \"true\"");
+    }
+    if (!failed.empty()) {
+        fprintf(g_out, "  the update acts only when all four property tests pass:\n");
+        for (const std::string& f : failed) fprintf(g_out, "  failed: %s\n", f.c_str());
+        return kExitOk;
+    }
+
+    // The library ignores mkdir failures; say what is there.
+    bool all_there = true;
+    for (const std::string& path : {std::string(kLogRoot), std::string(dir)}) {
+        std::string state = dir_state(path);
+        all_there = all_there && state == "exists";
+        fprintf(g_out, "  directory %s: %s\n", path.c_str(), state.c_str());
+    }
+    if (!all_there) {
+        error("the update named the directory but could not create it (the library ignores mkdir "
+              "failures)");
+        return kExitFailed;
+    }
     return kExitOk;
+}
+
+// ---- Version ----
+
+struct Library {
+    uintptr_t address;  // of a symbol in it
+    std::string path;
+    std::string build_id;
+};
+
+std::string note_build_id(const char* p, const char* end) {
+    while (p + sizeof(ElfW(Nhdr)) <= end) {
+        const auto* note = reinterpret_cast<const ElfW(Nhdr)*>(p);
+        const char* name = p + sizeof(ElfW(Nhdr));
+        const char* desc = name + ((note->n_namesz + 3) & ~3u);
+        if (desc + note->n_descsz > end) break;
+        if (note->n_type == NT_GNU_BUILD_ID && note->n_namesz == 4 && memcmp(name, "GNU", 4) == 0) {
+            std::string hex;
+            for (unsigned b = 0; b < note->n_descsz; ++b) {
+                char pair[3];
+                snprintf(pair, sizeof pair, "%02x", static_cast<uint8_t>(desc[b]));
+                hex += pair;
+            }
+            return hex;
+        }
+        p = desc + ((note->n_descsz + 3) & ~3u);
+    }
+    return "";
+}
+
+// Finds the loaded object whose segments hold |address|.
+int find_library(dl_phdr_info* info, size_t, void* data) {
+    auto* lib = static_cast<Library*>(data);
+    bool holds = false;
+    for (int i = 0; i < info->dlpi_phnum && !holds; ++i) {
+        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+        uintptr_t start = info->dlpi_addr + ph.p_vaddr;
+        holds = ph.p_type == PT_LOAD && lib->address >= start && lib->address < start + ph.p_memsz;
+    }
+    if (!holds) return 0;
+    lib->path = info->dlpi_name != nullptr ? info->dlpi_name : "";
+    for (int i = 0; i < info->dlpi_phnum && lib->build_id.empty(); ++i) {
+        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+        if (ph.p_type != PT_NOTE) continue;
+        const char* p = reinterpret_cast<const char*>(info->dlpi_addr + ph.p_vaddr);
+        lib->build_id = note_build_id(p, p + ph.p_memsz);
+    }
+    return 1;
+}
+
+// The file that holds |symbol| and its build id.
+std::string library_build(const void* symbol) {
+    Library lib{reinterpret_cast<uintptr_t>(symbol), "", ""};
+    if (symbol == nullptr || dl_iterate_phdr(find_library, &lib) == 0) return "not loaded";
+    return (lib.path.empty() ? "(unnamed)" : lib.path) +
+           (lib.build_id.empty() ? "" : ", build id " + lib.build_id);
+}
+
+void print_version() {
+    fprintf(g_out, "%s %s\n", kProg, TOLVEN_DIAG_TOOL_VERSION);
+    fprintf(g_out, "libtolven_diag: %s\n",
+            library_build(reinterpret_cast<const void*>(&tolven_diag_cmd_send_with_result)).c_str());
+    fprintf(g_out, "libdiag: %s\n", library_build(dlsym(RTLD_DEFAULT, "Diag_LSM_Init")).c_str());
+}
+
+int run(const Options& o) {
+    switch (o.action) {
+        case Action::kHelp:
+            fputs(usage_text(), g_out);
+            return kExitOk;
+        case Action::kVersion:
+            print_version();
+            return kExitOk;
+        case Action::kOfflineLogDir:
+            for (const auto& [key, value] : o.props) {
+                if (property_set(key.c_str(), value.c_str()) != 0) {
+                    error("cannot set property " + printable(key));
+                    return kExitFailed;
+                }
+                fprintf(g_out, "property %s=%s\n", key.c_str(), value.c_str());
+            }
+            return offline_log_dir(o);
+        case Action::kMdm:
+            warn_port(o, "the diag library cannot reach that modem");
+            fprintf(g_out, "remote modem: %s%s\n",
+                    tolven_diag_is_mdm_supported() ? "present" : "absent", port_text(o).c_str());
+            return kExitOk;
+        case Action::kNoWait:
+            return send_no_wait(o);
+        case Action::kSend:
+            return send_with_result(o);
+    }
+    return kExitFailed;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Line by line, so that a lingering worker's trace shows up as it happens, also in a pipe.
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     Options o;
-    int status = parse_args(argc, argv, &o);
-    if (status >= 0) return status;
-    // The logging gates read the environment on the library's first call.
-    if (o.verbose) setenv("TOLVEN_LOG_SHELL", "1,4", 1);
-
-    for (const auto& [key, value] : o.props) {
-        if (property_set(key.c_str(), value.c_str()) != 0) {
-            fprintf(stderr, "%s: cannot set property %s\n", kProg, key.c_str());
+    std::string message;
+    if (parse_args(std::vector<std::string>(argv + 1, argv + argc), &o, &message) != kExitOk) {
+        fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProg, message.c_str(),
+                kProg);
+        return kExitUsage;
+    }
+    if (o.json) {
+        int fd = dup(STDOUT_FILENO);
+        g_out = fd >= 0 ? fdopen(fd, "w") : nullptr;
+        if (g_out == nullptr || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+            error(std::string("cannot set up the JSON output: ") + strerror(errno));
             return kExitFailed;
         }
-        printf("property %s=%s\n", key.c_str(), value.c_str());
     }
-    if (o.mdm) {
-        printf("remote modem: %s\n", tolven_diag_is_mdm_supported() ? "present" : "absent");
-        return kExitOk;
+    // Line by line, so that a lingering worker's trace shows up as it happens, also in a pipe.
+    setvbuf(g_out, nullptr, _IOLBF, 0);
+    // The library and libdiag read these on their first call.
+    if (o.verbose) setenv("TOLVEN_LOG_SHELL", "1,4", 1);
+    if (!o.port.empty()) setenv("LIBDIAG_PORT", o.port.c_str(), 1);
+    const char* answers = getenv("LIBDIAG_SIM_ANSWERS");
+    std::string why;
+    bool talks_to_diag =
+            o.action == Action::kSend || o.action == Action::kNoWait || o.action == Action::kMdm;
+    if (talks_to_diag && answers != nullptr && *answers != '\0' &&
+        !check_answers_file(answers, &why)) {
+        error("LIBDIAG_SIM_ANSWERS: " + why);
+        return kExitFailed;
     }
-    if (o.offline) return offline_log_dir(o);
-    return o.no_wait ? send_no_wait(o) : send_with_result(o);
+
+    int status = run(o);
+    if (fflush(g_out) != 0 || ferror(g_out)) {
+        error(std::string("cannot write the output: ") + strerror(errno));
+        return kExitFailed;
+    }
+    return status;
 }

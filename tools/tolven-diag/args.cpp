@@ -1,0 +1,506 @@
+#include "args.h"
+
+#include <limits.h>
+#include <stdio.h>
+
+#include <algorithm>
+
+namespace tolven_diag_tool {
+namespace {
+
+enum Id {
+    kOptMode,
+    kOptTimeout,
+    kOptCapacity,
+    kOptNoWait,
+    kOptLinger,
+    kOptCount,
+    kOptInterval,
+    kOptRaw,
+    kOptJson,
+    kOptPort,
+    kOptMdm,
+    kOptOffline,
+    kOptOutDir,
+    kOptProp,
+    kOptVerbose,
+    kOptHelp,
+    kOptVersion,
+    kOptCount_,
+};
+
+struct OptionDef {
+    Id id;
+    const char* name;  // without the leading "--"
+    char letter;       // 0: long form only
+    bool takes_value;
+};
+
+constexpr OptionDef kOptionTable[] = {
+        {kOptMode, "mode", 'm', true},
+        {kOptTimeout, "timeout", 't', true},
+        {kOptCapacity, "capacity", 'c', true},
+        {kOptNoWait, "no-wait", 'n', false},
+        {kOptLinger, "linger", 0, true},
+        {kOptCount, "count", 0, true},
+        {kOptInterval, "interval", 0, true},
+        {kOptRaw, "raw", 0, false},
+        {kOptJson, "json", 0, false},
+        {kOptPort, "port", 0, true},
+        {kOptMdm, "mdm", 0, false},
+        {kOptOffline, "offline-log-dir", 0, true},
+        {kOptOutDir, "out-dir", 0, true},
+        {kOptProp, "prop", 0, true},
+        {kOptVerbose, "verbose", 'v', false},
+        {kOptHelp, "help", 'h', false},
+        {kOptVersion, "version", 0, false},
+};
+
+const char kUsage[] =
+        "Usage: tolven-diag [-m dci|callback] [-t MS] [-c N] [--count N [--interval MS]]\n"
+        "                   [--raw] [--json] [--port PATH] [-v] HEX...\n"
+        "       tolven-diag -n [-m dci|callback] [--linger MS] [--port PATH] [-v] HEX...\n"
+        "       tolven-diag --mdm [--port PATH] [-v]\n"
+        "       tolven-diag [--prop KEY=VALUE]... --offline-log-dir DATE [--out-dir DIR] [-v]\n"
+        "       tolven-diag -h | --help | --version\n"
+        "\n"
+        "Sends one diag command packet to the modem through libtolven_diag and prints the\n"
+        "reply as hex, decoded where the command is known, with the library's result.\n"
+        "\n"
+        "The packet is given as hex bytes, in one or several arguments: 4b 0f 00 00,\n"
+        "4b0f0000, 4b:0f:00:00, 4b,0f,0,0 and 0x4b 0x0f 0x00 0x00 are the same 4-byte\n"
+        "packet. A lone digit is one byte; longer groups need an even number of digits.\n"
+        "A packet has 1 to 4096 bytes. Numbers are decimal or 0x hex.\n"
+        "\n"
+        "Options:\n"
+        "  -m, --mode MODE        transport: dci (default) or callback\n"
+        "  -t, --timeout MS       how long to wait for the reply, 0 to 2147483647\n"
+        "                         (default 3000); the library counts whole 100 ms\n"
+        "                         ticks, at least one, and callback mode replaces a\n"
+        "                         value outside 1..60000 by 3000\n"
+        "  -c, --capacity N       reply buffer size in bytes, 0 to 1048576 (default\n"
+        "                         16384); a longer reply is cut; the library refuses 0\n"
+        "      --count N          send the packet N times and end with a summary\n"
+        "      --interval MS      with --count: pause between sends (default 1000)\n"
+        "      --raw              hex only, no decoding of the reply\n"
+        "      --json             one JSON object per send on standard output\n"
+        "  -n, --no-wait          fire and forget: a worker thread of the library\n"
+        "                         sends the packet and only logs the reply\n"
+        "      --linger MS        with --no-wait: wait MS after the call before\n"
+        "                         exiting (default: until the worker has ended)\n"
+        "      --port PATH        use the modem on the serial diag port PATH\n"
+        "                         (sets LIBDIAG_PORT for the diag library)\n"
+        "      --mdm              tell whether a remote modem is present\n"
+        "      --offline-log-dir DATE\n"
+        "                         run the offline-log auto-start directory update\n"
+        "                         with DATE and report what it did\n"
+        "      --out-dir DIR      directory handed to that update (default empty)\n"
+        "      --prop KEY=VALUE   set a system property first (repeatable); an\n"
+        "                         empty VALUE unsets it\n"
+        "  -v, --verbose          show the library's trace lines on standard output\n"
+        "                         (on standard error with --json)\n"
+        "  -h, --help             show this help and exit\n"
+        "      --version          show the versions of the tool and the libraries\n"
+        "\n"
+        "Examples:\n"
+        "  tolven-diag 00                      version info, decoded\n"
+        "  tolven-diag --mode callback 7c      extended build id, callback mode\n"
+        "  tolven-diag -t 500 4b:fe:01:00:aa   subsystem command, 500 ms time-out\n"
+        "  tolven-diag --count 5 --interval 200 1c   five sends and a summary\n"
+        "  tolven-diag --json 00               for scripts\n"
+        "  tolven-diag -v -n 1c                fire and forget, watch the worker's trace\n"
+        "  tolven-diag --mdm\n"
+        "\n"
+        "Exit status: 0 success; 1 the send was refused, failed or timed out, or a\n"
+        "property, the output or the offline-log directories failed; 2 bad usage.\n";
+
+int hex_value(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+bool is_blank(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+}
+
+bool is_separator(char c) {
+    return is_blank(c) || c == ':' || c == ',';
+}
+
+// Appends the bytes of one argument; groups are separated by blanks, ':' or ','.
+bool parse_hex_arg(const std::string& arg, std::vector<uint8_t>* out, std::string* error) {
+    size_t i = 0;
+    while (i < arg.size()) {
+        if (is_separator(arg[i])) {
+            ++i;
+            continue;
+        }
+        size_t start = i;
+        while (i < arg.size() && !is_separator(arg[i])) ++i;
+        std::string group = arg.substr(start, i - start);
+        size_t skip = group.size() >= 2 && group[0] == '0' && (group[1] == 'x' || group[1] == 'X')
+                              ? 2
+                              : 0;
+        std::string digits = group.substr(skip);
+        std::string why;
+        auto bad =
+                std::find_if(digits.begin(), digits.end(), [](char c) { return hex_value(c) < 0; });
+        if (digits.empty()) {
+            why = "no digits after " + group;
+        } else if (bad != digits.end()) {
+            why = "'" + printable(std::string(1, *bad)) + "' is not a hex digit";
+        } else if (digits.size() > 1 && digits.size() % 2 != 0) {
+            why = "odd number of digits";
+        }
+        if (!why.empty()) {
+            *error = "bad hex '" + printable(group) + "' in the packet: " + why;
+            return false;
+        }
+        if (digits.size() == 1) {
+            out->push_back(static_cast<uint8_t>(hex_value(digits[0])));
+            continue;
+        }
+        for (size_t d = 0; d < digits.size(); d += 2) {
+            out->push_back(
+                    static_cast<uint8_t>(hex_value(digits[d]) * 16 + hex_value(digits[d + 1])));
+        }
+    }
+    return true;
+}
+
+// Decimal or 0x hex, with an optional '-'. Values far beyond any range saturate.
+bool parse_number(const std::string& name, const std::string& text, long long min, long long max,
+                  long long* out, std::string* error) {
+    size_t i = 0;
+    bool negative = !text.empty() && text[0] == '-';
+    if (negative) ++i;
+    int base = 10;
+    if (text.size() > i + 1 && text[i] == '0' && (text[i + 1] == 'x' || text[i + 1] == 'X')) {
+        base = 16;
+        i += 2;
+    }
+    constexpr long long kSaturate = 1LL << 40;
+    long long value = 0;
+    bool ok = i < text.size();
+    for (; ok && i < text.size(); ++i) {
+        int d = hex_value(text[i]);
+        ok = d >= 0 && d < base;
+        value = std::min(value * base + d, kSaturate);
+    }
+    if (!ok) {
+        *error = name + ": '" + printable(text) + "' is not a number (decimal, or hex with 0x)";
+        return false;
+    }
+    if (negative) value = -value;
+    if (value < min || value > max) {
+        *error = name + ": " + printable(text) + " is out of range (" + std::to_string(min) +
+                 " to " + std::to_string(max) + ")";
+        return false;
+    }
+    *out = value;
+    return true;
+}
+
+class Parser {
+  public:
+    Parser(Options* o, std::string* error) : o_(o), error_(error) {}
+
+    int run(const std::vector<std::string>& args) {
+        bool options_done = false;
+        bool any_packet_arg = false;
+        for (size_t i = 0; i < args.size(); ++i) {
+            const std::string& a = args[i];
+            if (options_done || a.size() < 2 || a[0] != '-') {
+                if (!parse_hex_arg(a, &o_->packet, error_)) return kExitUsage;
+                any_packet_arg = true;
+                continue;
+            }
+            if (a == "--") {
+                options_done = true;
+                continue;
+            }
+            if (a[1] == '-') {
+                size_t eq = a.find('=');
+                std::string written = a.substr(0, eq);
+                const OptionDef* def = find_long(written.substr(2));
+                if (def == nullptr) return fail("unknown option " + printable(written));
+                std::string value;
+                if (!def->takes_value) {
+                    if (eq != std::string::npos) {
+                        return fail("option " + written + " takes no value");
+                    }
+                } else if (eq != std::string::npos) {
+                    value = a.substr(eq + 1);
+                } else if (i + 1 < args.size()) {
+                    value = args[++i];
+                } else {
+                    return fail("option " + written + " needs a value");
+                }
+                if (!apply(*def, written, value)) return kExitUsage;
+                if (done_) return kExitOk;
+                continue;
+            }
+            // A cluster of short options; one that takes a value ends it.
+            for (size_t j = 1; j < a.size(); ++j) {
+                std::string written = std::string("-") + a[j];
+                const OptionDef* def = find_short(a[j]);
+                if (def == nullptr) return fail("unknown option " + printable(written));
+                std::string value;
+                if (def->takes_value) {
+                    if (j + 1 < a.size()) {
+                        value = a.substr(j + 1);
+                    } else if (i + 1 < args.size()) {
+                        value = args[++i];
+                    } else {
+                        return fail("option " + written + " needs a value");
+                    }
+                    j = a.size();
+                }
+                if (!apply(*def, written, value)) return kExitUsage;
+                if (done_) return kExitOk;
+            }
+        }
+        return check(any_packet_arg);
+    }
+
+  private:
+    static const OptionDef* find_long(const std::string& name) {
+        for (const OptionDef& s : kOptionTable) {
+            if (name == s.name) return &s;
+        }
+        return nullptr;
+    }
+
+    static const OptionDef* find_short(char letter) {
+        for (const OptionDef& s : kOptionTable) {
+            if (s.letter != 0 && s.letter == letter) return &s;
+        }
+        return nullptr;
+    }
+
+    int fail(const std::string& message) {
+        *error_ = message;
+        return kExitUsage;
+    }
+
+    bool number(const std::string& written, const std::string& value, long long min, long long max,
+                int* out) {
+        long long v = 0;
+        if (!parse_number(written, value, min, max, &v, error_)) return false;
+        *out = static_cast<int>(v);
+        return true;
+    }
+
+    bool apply(const OptionDef& def, const std::string& written, const std::string& value) {
+        seen_[def.id] = written;
+        switch (def.id) {
+            case kOptMode:
+                if (value == "dci") {
+                    o_->mode = Mode::kDci;
+                } else if (value == "callback") {
+                    o_->mode = Mode::kCallback;
+                } else {
+                    fail(written + ": expected dci or callback, not '" + printable(value) + "'");
+                    return false;
+                }
+                return true;
+            case kOptTimeout:
+                return number(written, value, 0, INT_MAX, &o_->timeout_ms);
+            case kOptCapacity:
+                return number(written, value, 0, kMaxCapacity, &o_->capacity);
+            case kOptLinger:
+                return number(written, value, 0, kMaxLingerMs, &o_->linger_ms);
+            case kOptCount:
+                return number(written, value, 1, kMaxCount, &o_->count);
+            case kOptInterval:
+                return number(written, value, 0, kMaxIntervalMs, &o_->interval_ms);
+            case kOptNoWait:
+                o_->action = Action::kNoWait;
+                return true;
+            case kOptRaw:
+                o_->raw = true;
+                return true;
+            case kOptJson:
+                o_->json = true;
+                return true;
+            case kOptPort:
+                if (value.empty()) {
+                    fail(written + ": empty path");
+                    return false;
+                }
+                o_->port = value;
+                return true;
+            case kOptMdm:
+                return true;
+            case kOptOffline:
+                o_->offline_date = value;
+                return true;
+            case kOptOutDir:
+                if (value.size() >= kOfflineDirSize) {
+                    fail(written + ": longer than " + std::to_string(kOfflineDirSize - 1) +
+                         " characters");
+                    return false;
+                }
+                o_->out_dir = value;
+                return true;
+            case kOptProp: {
+                size_t eq = value.find('=');
+                if (eq == std::string::npos || eq == 0) {
+                    fail(written + ": expected KEY=VALUE, not '" + printable(value) + "'");
+                    return false;
+                }
+                o_->props.emplace_back(value.substr(0, eq), value.substr(eq + 1));
+                return true;
+            }
+            case kOptVerbose:
+                o_->verbose = true;
+                return true;
+            case kOptHelp:
+                o_->action = Action::kHelp;
+                done_ = true;
+                return true;
+            case kOptVersion:
+                o_->action = Action::kVersion;
+                done_ = true;
+                return true;
+            case kOptCount_:
+                break;
+        }
+        return false;
+    }
+
+    bool given(Id id) const { return !seen_[id].empty(); }
+
+    // The first option of |ids| that was given, or "".
+    std::string first_given(std::initializer_list<Id> ids) const {
+        for (Id id : ids) {
+            if (given(id)) return seen_[id];
+        }
+        return "";
+    }
+
+    int check(bool packet) {
+        const std::string mdm = seen_[kOptMdm];
+        const std::string offline = seen_[kOptOffline];
+        if (packet && given(kOptMdm)) return fail("a packet and " + mdm + " exclude each other");
+        if (packet && given(kOptOffline)) {
+            return fail("a packet and " + offline + " exclude each other");
+        }
+        if (given(kOptMdm) && given(kOptOffline)) {
+            return fail(mdm + " and " + offline + " exclude each other");
+        }
+        if (!packet && !given(kOptMdm) && !given(kOptOffline)) {
+            return fail("no packet given (nor --mdm or --offline-log-dir)");
+        }
+
+        // Options of the one action they serve.
+        std::string stray = first_given({kOptMode, kOptTimeout, kOptCapacity, kOptNoWait,
+                                         kOptLinger, kOptCount, kOptInterval, kOptRaw, kOptJson});
+        if (!packet && !stray.empty()) {
+            return fail(stray + " does not apply to " + (given(kOptMdm) ? mdm : offline));
+        }
+        if (given(kOptPort) && given(kOptOffline)) {
+            return fail(seen_[kOptPort] + " does not apply to " + offline);
+        }
+        stray = first_given({kOptOutDir, kOptProp});
+        if (!stray.empty() && !given(kOptOffline)) {
+            return fail(stray + " needs --offline-log-dir");
+        }
+        if (given(kOptMdm)) o_->action = Action::kMdm;
+        if (given(kOptOffline)) o_->action = Action::kOfflineLogDir;
+        if (!packet) return kExitOk;
+
+        if (o_->packet.empty()) return fail("the packet has no bytes");
+        if (o_->packet.size() > static_cast<size_t>(kMaxPacket)) {
+            return fail("the packet has " + std::to_string(o_->packet.size()) + " bytes; at most " +
+                        std::to_string(kMaxPacket));
+        }
+        if (given(kOptNoWait)) {
+            stray = first_given(
+                    {kOptTimeout, kOptCapacity, kOptCount, kOptInterval, kOptRaw, kOptJson});
+            if (!stray.empty()) {
+                return fail(stray + " does not apply with " + seen_[kOptNoWait] +
+                            ": a fire-and-forget send has no reply");
+            }
+        } else if (given(kOptLinger)) {
+            return fail(seen_[kOptLinger] + " needs --no-wait");
+        }
+        if (given(kOptInterval) && o_->count < 2) {
+            return fail(seen_[kOptInterval] + " needs --count above 1");
+        }
+        return kExitOk;
+    }
+
+    Options* o_;
+    std::string* error_;
+    std::string seen_[kOptCount_];  // each option as last written; empty when not given
+    bool done_ = false;
+};
+
+}  // namespace
+
+int parse_args(const std::vector<std::string>& args, Options* out, std::string* error) {
+    Options o;
+    std::string message;
+    int status = Parser(&o, &message).run(args);
+    if (status != kExitOk) {
+        *error = message;
+        return status;
+    }
+    *out = std::move(o);
+    return kExitOk;
+}
+
+int effective_timeout_ms(Mode mode, int asked_ms) {
+    int ms = asked_ms;
+    if (mode == Mode::kCallback && (ms < kCallbackTimeoutMinMs || ms > kCallbackTimeoutMaxMs)) {
+        ms = kCallbackTimeoutDefaultMs;
+    }
+    return std::max(ms / kTickMs, 1) * kTickMs;
+}
+
+std::string timeout_note(Mode mode, int asked_ms) {
+    if (mode == Mode::kCallback &&
+        (asked_ms < kCallbackTimeoutMinMs || asked_ms > kCallbackTimeoutMaxMs)) {
+        return "asked " + std::to_string(asked_ms) +
+               " ms; callback mode takes 1 to 60000 ms and uses 3000 otherwise";
+    }
+    if (effective_timeout_ms(mode, asked_ms) != asked_ms) {
+        return "asked " + std::to_string(asked_ms) +
+               " ms; the library counts whole 100 ms ticks, at least one";
+    }
+    return "";
+}
+
+int worker_remaining_ms(Mode mode) {
+    // DCI: 1 s for answers, then 3 s linger; callback: 200 ms, then 3 s. The call held 1 s of
+    // it; the rest covers set-up and tear-down.
+    constexpr int kMarginMs = 500;
+    return (mode == Mode::kDci ? 3000 : 2200) + kMarginMs;
+}
+
+const char* mode_name(Mode mode) {
+    return mode == Mode::kDci ? "dci" : "callback";
+}
+
+const char* usage_text() {
+    return kUsage;
+}
+
+std::string printable(const std::string& text) {
+    std::string out;
+    for (unsigned char c : text) {
+        if (c >= 0x20 && c < 0x7F) {
+            out += static_cast<char>(c);
+        } else {
+            char esc[5];
+            snprintf(esc, sizeof esc, "\\x%02X", c);
+            out += esc;
+        }
+    }
+    return out;
+}
+
+}  // namespace tolven_diag_tool
