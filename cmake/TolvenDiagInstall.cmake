@@ -16,7 +16,6 @@ install(FILES ${PROJECT_SOURCE_DIR}/modem/hal/diag/include/tolven_diag.h
 install(TARGETS tolven-diag RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/tools/tolven-diag/tolven-diag.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-endif()
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # find_package(TolvenDiag) gives TolvenDiag::tolven_diag. The target is written by hand: an
