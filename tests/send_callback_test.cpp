@@ -130,6 +130,7 @@ TEST_F(DiagTest, RemoteProcessorsAnswerThroughTheirOwnContext) {
     ASSERT_EQ(diag_callback_send_data(0, packet, 1), 0);
     EXPECT_TRUE(log.wait_for("response from 1[MDM]"));
     EXPECT_TRUE(log.wait_for("response from 0[MSM]"));
+    ASSERT_TRUE(libdiag_sim::wait_idle());
     EXPECT_EQ(sem_posts(), 2);
     tolven_diag_deinit_with_result();
 }
