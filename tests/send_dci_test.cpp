@@ -64,7 +64,9 @@ TEST(WaitTimer, TicksPostsAndFlag) {
     }
 }
 
-TEST_F(DiagTest, DciHandlerAppendsPiecesAndOnlyTheLastOnePosts) {
+// What the store holds and when the handler posts is checked by fuzz/handlers_fuzzer.cpp; here,
+// what it logs.
+TEST_F(DiagTest, DciHandlerLogsEveryPiece) {
     sem_init(&g_diag_rsp_sem, 0, 0);
     tolven_diag_cmd_response_by_dci(nullptr, 4, nullptr);
     // The synchronous send registers no context: every piece is reported from channel -1.
@@ -72,21 +74,12 @@ TEST_F(DiagTest, DciHandlerAppendsPiecesAndOnlyTheLastOnePosts) {
               (Names{"function entry ------------->", "context_data is null",
                      banner(-1, "Unknown", 4), "ptr is null", "tolven_diag_cmd_response_check fail",
                      "function exit <-------------"}));
-    EXPECT_EQ(g_qcril_diag_rsp_buf.data, nullptr);
-
-    g_qcril_diag_rsp_buf.length = 777;  // stale; the first piece overwrites it
     Bytes whole = ramp(10000, 0x10);
     size_t offset = 0;
     for (size_t size : {4096, 4096, 1808}) {
-        EXPECT_EQ(sem_posts(), 0);
         tolven_diag_cmd_response_by_dci(whole.data() + offset, static_cast<int>(size), nullptr);
         offset += size;
     }
-    EXPECT_EQ(sem_posts(), 1);
-    const tolven_diag_rsp_buf& buf = g_qcril_diag_rsp_buf;
-    EXPECT_EQ(Bytes(buf.data, buf.data + buf.length), whole);
-    // |prev| holds the content before the last append.
-    EXPECT_EQ(Bytes(buf.prev, buf.prev + 8192), Bytes(whole.begin(), whole.begin() + 8192));
     // The code printed is the first byte of each piece.
     EXPECT_EQ(log.count("response, cmd_code = 0x10, data_size = 4096"), 2);
     EXPECT_TRUE(log.has("response, cmd_code = 0x10, data_size = 1808"));
@@ -184,25 +177,6 @@ TEST_F(DciSend, ModemReportedDownStillGetsTheCommand) {
     libdiag_sim::set_support_list(0x0001);
     EXPECT_EQ(send_packet(tolven_diag_cmd_send_with_result, kVersionRequest, 1000).result, 0);
     EXPECT_TRUE(log.has("MPSS on ch:0: DOWN"));
-}
-
-TEST_F(DciSend, LongReplyComesBackWholeOrCutToTheCapacity) {
-    const Bytes request = {0x4B, 0xFE, 0x7F, 0x00};
-    const Bytes reply = ramp(10000, 0x4B);
-    libdiag_sim::set_answer(request, Answer{{Response{0, reply, {}, 0ms}}});
-
-    SendOutcome whole = send_packet(tolven_diag_cmd_send_with_result, request, 3000);
-    EXPECT_EQ(whole.result, 0);
-    EXPECT_EQ(whole.reply, reply);
-    EXPECT_EQ(log.count("response, cmd_code = "), 3);
-    EXPECT_LT(whole.elapsed, 3000ms);
-
-    SendOutcome cut = send_packet(tolven_diag_cmd_send_with_result, request, 3000, 100);
-    EXPECT_EQ(cut.result, 0);
-    EXPECT_EQ(cut.reply, Bytes(reply.begin(), reply.begin() + 100));
-    EXPECT_TRUE(
-            log.has("req end, data_size = 100, g_qcril_diag_rsp_buf.length = 10000, "
-                    "reply_len = 100"));
 }
 
 TEST_F(DciSend, TimeOutHandsBackTheStaleLengthWithoutBytes) {
