@@ -26,10 +26,12 @@
 #include <array>
 #include <charconv>
 #include <condition_variable>
+#include <deque>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <thread>
 #include <utility>
 
@@ -44,6 +46,8 @@ using std::chrono::milliseconds;
 constexpr int kPieceMax = 4096;
 constexpr int kMaxProc = 16;
 constexpr int kNoMode = -1;
+// Tests read the last few dozen calls; a long run must not grow without bound.
+constexpr size_t kJournalMax = 4096;
 
 struct Settings {
     milliseconds delay{0};
@@ -128,38 +132,32 @@ bool parse_hex(const std::string& text, Bytes* out) {
     return true;
 }
 
-bool parse_answers(const char* path, std::map<Bytes, Answer>* answers) {
-    std::ifstream in(path);
-    if (!in) {
-        fprintf(stderr, "libdiag: cannot read answers file %s\n", path);
+// Reads a whole file; false when it cannot be read.
+bool read_file(const std::string& path, std::string* text) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    text->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return !in.bad();
+}
+
+// Adds the accepted lines to |answers| (a later line replaces an earlier one of the same prefix)
+// and prints the refusals; false when there was any.
+bool apply_answers(const ParsedAnswers& parsed, std::map<Bytes, Answer>* answers) {
+    for (const AnswerLine& l : parsed.lines) {
+        (*answers)[l.request_prefix] =
+                l.silent ? Answer{} : Answer{{Response{0, l.reply, {}, l.delay}}};
+    }
+    for (const std::string& e : parsed.errors) fprintf(stderr, "libdiag: %s\n", e.c_str());
+    return parsed.errors.empty();
+}
+
+bool load_answers_file(const std::string& path, std::map<Bytes, Answer>* answers) {
+    std::string text;
+    if (!read_file(path, &text)) {
+        fprintf(stderr, "libdiag: cannot read answers file %s\n", path.c_str());
         return false;
     }
-    bool all_ok = true;
-    std::string line;
-    for (int n = 1; std::getline(in, line); ++n) {
-        line = trim(line.substr(0, line.find('#')));
-        if (line.empty()) continue;
-        size_t arrow = line.find("->");
-        size_t at = line.find('@', arrow == std::string::npos ? 0 : arrow);
-        Bytes prefix;
-        Response r;
-        long long delay = 0;
-        bool ok = arrow != std::string::npos && parse_hex(line.substr(0, arrow), &prefix);
-        std::string reply = ok ? trim(line.substr(arrow + 2, at - arrow - 2)) : "";
-        bool silent = reply == "none";
-        ok = ok && !reply.empty() && (silent || parse_hex(reply, &r.bytes));
-        ok = ok &&
-             (at == std::string::npos || (parse_number(line.substr(at + 1), &delay) && delay >= 0));
-        if (!ok) {
-            fprintf(stderr, "libdiag: %s:%d: expected 'REQUEST_HEX -> REPLY_HEX|none [@ MS]'\n",
-                    path, n);
-            all_ok = false;
-            continue;
-        }
-        r.delay = milliseconds(delay);
-        (*answers)[prefix] = silent ? Answer{} : Answer{{r}};
-    }
-    return all_ok;
+    return apply_answers(parse_answers(text, path), answers);
 }
 
 // Number from the environment, or |fallback| when unset or malformed.
@@ -209,12 +207,13 @@ intptr_t fn_arg(F f) {
 class Sim {
   public:
     Sim() {
-        settings.delay = milliseconds(env_number("LIBDIAG_SIM_DELAY_MS", 0, 24 * 3600 * 1000));
+        settings.delay =
+                milliseconds(env_number("LIBDIAG_SIM_DELAY_MS", 0, kMaxAnswerDelay.count()));
         settings.remote_mask = env_number("LIBDIAG_SIM_REMOTE_MASK", 0, 0xFFFF);
         settings.support_list = env_number("LIBDIAG_SIM_SUPPORT_LIST", 0x0002, 0xFFFF);
         settings.responders = env_number("LIBDIAG_SIM_RESPONDERS", 0, 0xFFFF);
         if (const char* path = getenv("LIBDIAG_SIM_ANSWERS"); path && *path) {
-            parse_answers(path, &settings.answers);
+            load_answers_file(path, &settings.answers);
         }
         const char* trace = getenv("LIBDIAG_SIM_TRACE");
         trace_ = trace != nullptr && strcmp(trace, "1") == 0;
@@ -228,7 +227,7 @@ class Sim {
     Settings settings;
     std::shared_ptr<Backend> backend;
     std::map<std::string, Programmed> programmed;
-    std::vector<Call> journal;
+    std::deque<Call> journal;  // the most recent kJournalMax calls
 
     bool connected = false;
     uint64_t epoch = 0;  // bumped by DeInit and reset so that older deliveries are dropped
@@ -259,6 +258,7 @@ class Sim {
     long long finish(Call c, const Outcome& o, std::unique_lock<std::mutex>& lk) {
         c.result = o.result;
         if (trace_) fprintf(stderr, "libdiag: %s\n", c.str().c_str());
+        if (journal.size() == kJournalMax) journal.pop_front();
         journal.push_back(std::move(c));
         lk.unlock();
         if (o.err != 0) errno = o.err;
@@ -292,9 +292,10 @@ class Sim {
 
     // Queues one delivery per response, each after the previous one.
     void schedule(const Answer& a, const Delivery& proto) {
-        Clock::time_point due = Clock::now() + settings.delay;
+        Clock::time_point due = Clock::now() + std::min(settings.delay, kMaxAnswerDelay);
         for (const Response& r : a.responses) {
-            due += r.delay;
+            // each step is bounded, so a programmed day-long delay cannot overflow the clock
+            due += std::clamp(r.delay, milliseconds(0), kMaxAnswerDelay);
             Delivery d = proto;
             d.bytes = r.bytes;
             d.pieces = r.pieces;
@@ -492,7 +493,7 @@ void reset() {
 }
 
 std::vector<Call> journal() {
-    return locked([](Sim& s) { return s.journal; });
+    return locked([](Sim& s) { return std::vector<Call>(s.journal.begin(), s.journal.end()); });
 }
 
 std::vector<std::string> journal_names() {
@@ -521,11 +522,53 @@ void set_answer(const Bytes& request_prefix, const Answer& answer) {
 
 bool load_answers(const std::string& path) {
     std::map<Bytes, Answer> answers;
-    bool ok = parse_answers(path.c_str(), &answers);
+    bool ok = load_answers_file(path, &answers);
     Sim& s = sim();
     std::lock_guard<std::mutex> lk(s.mu);
     for (auto& [prefix, answer] : answers) s.settings.answers[prefix] = std::move(answer);
     return ok;
+}
+
+ParsedAnswers parse_answers(const std::string& text, const std::string& name) {
+    ParsedAnswers out;
+    std::istringstream in(text);
+    std::string line;
+    for (int n = 1; std::getline(in, line); ++n) {
+        line = trim(line.substr(0, line.find('#')));
+        if (line.empty()) continue;
+        auto refuse = [&](const std::string& why) {
+            out.errors.push_back(name + ":" + std::to_string(n) + ": " + why);
+        };
+        size_t arrow = line.find("->");
+        if (arrow == std::string::npos) {
+            refuse("expected 'REQUEST_HEX -> REPLY_HEX|none [@ MS]'");
+            continue;
+        }
+        AnswerLine a;
+        a.line = n;
+        std::string request = line.substr(0, arrow);
+        if (!parse_hex(request, &a.request_prefix)) {
+            refuse("bad request hex '" + trim(request) + "'");
+            continue;
+        }
+        size_t at = line.find('@', arrow);
+        std::string reply = trim(line.substr(arrow + 2, at - arrow - 2));
+        a.silent = reply == "none";
+        if (!a.silent && (reply.empty() || !parse_hex(reply, &a.reply))) {
+            refuse("bad reply '" + reply + "' (hex bytes or none)");
+            continue;
+        }
+        long long delay = 0;
+        if (at != std::string::npos && (!parse_number(line.substr(at + 1), &delay) || delay < 0 ||
+                                        delay > kMaxAnswerDelay.count())) {
+            refuse("bad delay '" + trim(line.substr(at + 1)) + "' (0 to " +
+                   std::to_string(kMaxAnswerDelay.count()) + " ms)");
+            continue;
+        }
+        a.delay = milliseconds(delay);
+        out.lines.push_back(std::move(a));
+    }
+    return out;
 }
 
 void clear_answers() {
