@@ -33,8 +33,8 @@ struct Answer {
     std::vector<Response> responses;
 };
 
-// Replaceable modem behind the libdiag front: the built-in answer table, later a serial port.
-// answer() runs on the calling thread, possibly on several at once.
+// Replaceable answer table behind the libdiag front (when no LIBDIAG_PORT is set). answer() runs
+// on the library's delivery thread, after the send that asked has returned.
 class Backend {
   public:
     virtual ~Backend() = default;
@@ -118,6 +118,20 @@ void emit_event_record(const Bytes& record);
 
 // Blocks until every scheduled delivery has been made or dropped; false on |limit|.
 bool wait_idle(std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// What the diag port (LIBDIAG_PORT) has seen since the last reset().
+struct PortStats {
+    bool open = false;         // a port is open now
+    uint64_t opens = 0;        // successful opens
+    uint64_t frames = 0;       // good frames received
+    uint64_t replies = 0;      // frames that answered a waiting caller
+    uint64_t late = 0;         // answers that came after their caller had gone; dropped
+    uint64_t unsolicited = 0;  // log packets, events, messages and frames that answer nothing
+    uint64_t dropped = 0;      // bad CRC, escape before the flag, too short or too long
+    uint64_t stalls = 0;       // writes that the port did not take in time
+    uint64_t vanished = 0;     // the port went away (unplugged, pseudo-terminal closed)
+};
+PortStats port_stats();
 
 // Whether Diag_LSM_Init has connected the simulator (and no Diag_LSM_DeInit since).
 bool connected();
