@@ -74,6 +74,9 @@ class PortModem : public Modem {
         stop_.store(true, std::memory_order_relaxed);
         wake();
         thread_.join();
+        // Exclusive use lasts as long as the terminal stays open, and another process (the
+        // pty modem itself) may hold it open after us.
+        ioctl(fd_, TIOCNXCL);
         close(fd_);
         close(wake_);
         errno = saved_errno;

@@ -48,7 +48,10 @@ uint16_t crc16(const uint8_t* p, size_t n) {
 }
 
 void encode(const uint8_t* payload, size_t n, std::vector<uint8_t>* out) {
-    uint16_t crc = crc16(payload, n);
+    encode(payload, n, crc16(payload, n), out);
+}
+
+void encode(const uint8_t* payload, size_t n, uint16_t crc, std::vector<uint8_t>* out) {
     size_t start = out->size();
     out->resize(start + 2 * (n + 2) + 1);
     uint8_t* o = out->data() + start;

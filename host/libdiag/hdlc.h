@@ -20,6 +20,8 @@ uint16_t crc16(const uint8_t* data, size_t n);
 
 // Appends the frame of |n| payload bytes to |out|.
 void encode(const uint8_t* payload, size_t n, std::vector<uint8_t>* out);
+// The same with a given CRC, for peers that send bad frames on purpose.
+void encode(const uint8_t* payload, size_t n, uint16_t crc, std::vector<uint8_t>* out);
 
 enum class Event {
     kNone,            // the input ran out inside a frame (or between frames)
