@@ -40,7 +40,7 @@ class Pending {
     // A request whose caller has gone keeps its place this long, so that its late answer is
     // recognised as such; past that a matching frame counts for newer requests again.
     static constexpr std::chrono::seconds kOrphanLifetime{30};
-    static constexpr size_t kMax = 64;
+    static constexpr size_t kMax = 1024;  // far more than a client keeps in flight
 
     void add(Bytes request, T to, Clock::time_point now) {
         if (q_.size() == kMax) q_.pop_front();
