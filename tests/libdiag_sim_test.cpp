@@ -103,6 +103,66 @@ TEST_F(LibdiagSim, OverridesFromCodeAndFileLongestPrefixWins) {
     }
 }
 
+TEST_F(LibdiagSim, AnswersParserAcceptsOrNamesEachLine) {
+    struct Case {
+        const char* text;
+        bool accepted;
+        const char* error;  // part of the message when refused
+        Bytes prefix;
+        Bytes reply;
+        long long delay_ms;
+    } cases[] = {
+            {"4B FE 01 -> none", true, "", {0x4B, 0xFE, 0x01}, {}, 0},
+            {"1c->1c0900 @ 0x1E  # newer", true, "", {0x1C}, {0x1C, 0x09, 0x00}, 30},
+            {"-> 00 @ 86400000", true, "", {}, {0x00}, 86400000},  // empty prefix: every request
+            {"00 -> 01 @ 86400001", false, "bad delay '86400001' (0 to 86400000 ms)", {}, {}, 0},
+            {"00 -> 01 @ 9999999999999", false, "bad delay", {}, {}, 0},
+            {"00 -> 01 @ -1", false, "bad delay", {}, {}, 0},
+            {"00 -> @ 5", false, "bad reply ''", {}, {}, 0},
+            {"00 -> nonE", false, "bad reply 'nonE'", {}, {}, 0},
+            {"zz -> 01", false, "bad request hex 'zz'", {}, {}, 0},
+            {"not a line", false, "expected 'REQUEST_HEX -> REPLY_HEX|none [@ MS]'", {}, {}, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        ParsedAnswers p = parse_answers(std::string("# head\n\n") + c.text + "\r\n", "f");
+        ASSERT_EQ(c.accepted ? 1u : 0u, p.lines.size());
+        ASSERT_EQ(c.accepted ? 0u : 1u, p.errors.size());
+        if (!c.accepted) {
+            EXPECT_EQ(0u, p.errors[0].rfind("f:3: ", 0)) << p.errors[0];
+            EXPECT_NE(std::string::npos, p.errors[0].find(c.error)) << p.errors[0];
+            continue;
+        }
+        EXPECT_EQ(3, p.lines[0].line);
+        EXPECT_EQ(c.prefix, p.lines[0].request_prefix);
+        EXPECT_EQ(c.reply, p.lines[0].reply);
+        EXPECT_EQ(c.reply.empty(), p.lines[0].silent);
+        EXPECT_EQ(c.delay_ms, p.lines[0].delay.count());
+    }
+}
+
+// A day-long delay from the API is cut, not overflowed: the answer is still pending afterwards.
+TEST_F(LibdiagSim, HugeProgrammedDelayStaysPending) {
+    set_answer({0x1C}, Answer{{{0, {0x1C}, {}, std::chrono::hours(1000000)}}});
+    set_answer_delay(std::chrono::hours(1000000));
+    int client = connect_client();
+    std::vector<Bytes> got;
+    Bytes req{0x1C};
+    ASSERT_EQ(kDciOk, diag_send_dci_async_req(client, req.data(), 1, nullptr, 0, on_dci, &got));
+    EXPECT_FALSE(wait_idle(milliseconds(50)));
+    EXPECT_TRUE(got.empty());
+}
+
+TEST_F(LibdiagSim, JournalKeepsOnlyTheMostRecentCalls) {
+    uint16_t mask = 0;
+    for (int i = 0; i < 10000; ++i) diag_switch_logging(i, nullptr);
+    diag_has_remote_device(&mask);
+    std::vector<Call> calls = journal();
+    ASSERT_EQ(4096u, calls.size());
+    EXPECT_EQ(10000 - 4095, calls.front().args[0]);
+    EXPECT_EQ("diag_has_remote_device", calls.back().name);
+}
+
 // A delivery that is running when the client goes away finishes first; nothing follows it.
 TEST_F(LibdiagSim, NothingIsDeliveredOnceReleaseOrDeInitReturns) {
     enum Mode { kRelease, kDeInit, kReleaseInHandler };

@@ -33,8 +33,8 @@ struct Answer {
     std::vector<Response> responses;
 };
 
-// Replaceable modem behind the libdiag front: the built-in answer table, later a serial port.
-// answer() runs on the calling thread, possibly on several at once.
+// Replaceable answer table behind the libdiag front (when no LIBDIAG_PORT is set). answer() runs
+// on the library's delivery thread, after the send that asked has returned.
 class Backend {
   public:
     virtual ~Backend() = default;
@@ -63,6 +63,7 @@ struct Call {
 // restores the defaults (answer delay 0, support list 0x0002, no remote processors).
 void reset();
 
+// The most recent calls (at most 4096), oldest first.
 std::vector<Call> journal();
 std::vector<std::string> journal_names();
 void clear_journal();
@@ -77,8 +78,28 @@ void set_answer(const Bytes& request_prefix, const Answer& answer);
 void clear_answers();
 // Adds the overrides of a text file, one per line: "REQUEST_HEX_PREFIX -> REPLY_HEX" or
 // "REQUEST_HEX_PREFIX -> none", optionally followed by "@ DELAY_MS"; '#' starts a comment. False
-// when the file cannot be read or a line is malformed (the good lines still count).
+// when the file cannot be read or a line is malformed (the good lines still count; each bad one
+// is reported on stderr).
 bool load_answers(const std::string& path);
+
+// The longest delay an answers line may ask for; longer delays anywhere are cut to it.
+constexpr std::chrono::milliseconds kMaxAnswerDelay = std::chrono::hours(24);
+
+// One accepted line of an answers file.
+struct AnswerLine {
+    int line = 0;  // 1-based
+    Bytes request_prefix;
+    bool silent = false;  // "-> none"
+    Bytes reply;          // empty when silent
+    std::chrono::milliseconds delay{0};
+};
+struct ParsedAnswers {
+    std::vector<AnswerLine> lines;    // in file order
+    std::vector<std::string> errors;  // one per refused line: "NAME:LINE: what is wrong"
+};
+// Parses the text of an answers file; |name| prefixes the error messages. Every line that is
+// neither blank nor a comment ends up in exactly one of the two lists.
+ParsedAnswers parse_answers(const std::string& text, const std::string& name);
 
 // Delay before the first response of every answer, on top of each Response's own delay.
 void set_answer_delay(std::chrono::milliseconds delay);
@@ -97,6 +118,20 @@ void emit_event_record(const Bytes& record);
 
 // Blocks until every scheduled delivery has been made or dropped; false on |limit|.
 bool wait_idle(std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// What the diag port (LIBDIAG_PORT) has seen since the last reset().
+struct PortStats {
+    bool open = false;         // a port is open now
+    uint64_t opens = 0;        // successful opens
+    uint64_t frames = 0;       // good frames received
+    uint64_t replies = 0;      // frames that answered a waiting caller
+    uint64_t late = 0;         // answers that came after their caller had gone; dropped
+    uint64_t unsolicited = 0;  // log packets, events, messages and frames that answer nothing
+    uint64_t dropped = 0;      // bad CRC, escape before the flag, too short or too long
+    uint64_t stalls = 0;       // writes that the port did not take in time
+    uint64_t vanished = 0;     // the port went away (unplugged, pseudo-terminal closed)
+};
+PortStats port_stats();
 
 // Whether Diag_LSM_Init has connected the simulator (and no Diag_LSM_DeInit since).
 bool connected();

@@ -1,10 +1,11 @@
-// The simulated modem: a fixed answer table for the commands the host tools and tests use.
-// Replies start with the request's command code; multi-byte fields are little-endian.
+// The simulated modem: a fixed answer table for the commands the host tools and tests use, and
+// the modem that serves an answer table behind the libdiag front. Replies start with the
+// request's command code; multi-byte fields are little-endian.
 #include <string.h>
 
 #include <algorithm>
 
-#include "sim_internal.h"
+#include "state.h"
 
 namespace libdiag_sim {
 namespace {
@@ -155,10 +156,31 @@ class SimulatedModem : public Backend {
     }
 };
 
+// Answers on the delivery thread, so that a slow table holds up deliveries, not the sender.
+class TableModem : public Modem {
+  public:
+    bool send(int proc, const Bytes& request, const Delivery& reply_to) override {
+        State& s = state();
+        Clock::time_point sent = Clock::now();
+        Delivery work = reply_to;
+        work.task = [table = s.table, proc, request, reply_to, sent] {
+            Answer a = table->answer(proc, request);
+            locked([&](State& st) { st.schedule(a, reply_to, sent); });
+        };
+        s.queue.push(std::move(work), sent);
+        return true;
+    }
+    bool is_port() const override { return false; }
+};
+
 }  // namespace
 
 std::unique_ptr<Backend> make_simulated_modem() {
     return std::make_unique<SimulatedModem>();
+}
+
+std::unique_ptr<Modem> make_table_modem() {
+    return std::make_unique<TableModem>();
 }
 
 }  // namespace libdiag_sim

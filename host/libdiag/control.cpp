@@ -1,0 +1,383 @@
+// The host libdiag's state and its control API (libdiag_sim.h): settings from the environment,
+// programmed results, answer overrides, the call journal, and the choice of modem.
+//
+// Environment, read once on first use; numbers are decimal or 0x hex:
+//   LIBDIAG_SIM_DELAY_MS      delay before every answer, in milliseconds (default 0)
+//   LIBDIAG_SIM_REMOTE_MASK   remote processors diag_has_remote_device reports, bit i = proc i+1
+//                             (default 0)
+//   LIBDIAG_SIM_SUPPORT_LIST  list diag_get_dci_support_list_proc reports (default 0x0002)
+//   LIBDIAG_SIM_RESPONDERS    remote processors that answer every callback-mode request as well,
+//                             bit i = proc i+1 (default 0)
+//   LIBDIAG_SIM_ANSWERS       file of answer overrides, one per line, longest prefix wins:
+//                               REQUEST_HEX_PREFIX -> REPLY_HEX [@ DELAY_MS]
+//                               REQUEST_HEX_PREFIX -> none          (never answered)
+//                             hex bytes with or without blanks; '#' starts a comment; replies
+//                             come from the local processor
+//   LIBDIAG_SIM_TRACE=1       print every libdiag call (and every port frame) to stderr
+// Read at every Diag_LSM_Init:
+//   LIBDIAG_PORT              a tty to talk to a real modem on, instead of the simulated one
+//   LIBDIAG_BAUD              its baud rate (default 115200)
+// libdiag_sim::reset() goes back to the built-in defaults, not to these (tracing stays).
+#include <errno.h>
+#include <inttypes.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "state.h"
+
+namespace libdiag_sim {
+namespace {
+
+// Tests read the last few dozen calls; a long run must not grow without bound.
+constexpr size_t kJournalMax = 4096;
+
+// Number from the environment, or |fallback| when unset or malformed.
+long long env_number(const char* name, long long fallback, long long max) {
+    const char* v = getenv(name);
+    if (v == nullptr || *v == '\0') return fallback;
+    long long n = 0;
+    if (!parse_number(v, &n) || n < 0 || n > max) {
+        fprintf(stderr, "libdiag: ignoring %s=%s (want 0..%lld)\n", name, v, max);
+        return fallback;
+    }
+    return n;
+}
+
+const char* port_env() {
+    const char* port = getenv("LIBDIAG_PORT");
+    return port != nullptr && *port != '\0' ? port : nullptr;
+}
+
+// Argument positions printed as addresses.
+std::vector<size_t> pointer_args(const std::string& name) {
+    static const std::map<std::string, std::vector<size_t>> kPointers = {
+            {"Diag_LSM_Init", {0}},
+            {"diag_register_callback", {0, 1}},
+            {"diag_register_remote_callback", {0, 2}},
+            {"diag_switch_logging", {1}},
+            {"diag_register_dci_stream_proc", {1, 2}},
+            {"diag_send_dci_async_req", {3, 4}},
+    };
+    auto it = kPointers.find(name);
+    return it == kPointers.end() ? std::vector<size_t>{} : it->second;
+}
+
+}  // namespace
+
+const std::string& Modem::path() const {
+    static const std::string* none = new std::string;
+    return *none;
+}
+
+bool valid_proc(int proc) {
+    return proc >= 0 && proc <= kMaxProc;
+}
+
+State::State()
+    : queue(mu, [this](Delivery& d) {
+          if (!wanted(d)) return false;
+          if (d.kind == Kind::kCallback) {
+              d.cb = callbacks[d.proc].cb;
+              d.ctx = callbacks[d.proc].ctx;
+          }
+          return true;
+      }) {
+    settings.delay = milliseconds(env_number("LIBDIAG_SIM_DELAY_MS", 0, kMaxAnswerDelay.count()));
+    settings.remote_mask = env_number("LIBDIAG_SIM_REMOTE_MASK", 0, 0xFFFF);
+    settings.support_list = env_number("LIBDIAG_SIM_SUPPORT_LIST", 0x0002, 0xFFFF);
+    settings.responders = env_number("LIBDIAG_SIM_RESPONDERS", 0, 0xFFFF);
+    if (const char* path = getenv("LIBDIAG_SIM_ANSWERS"); path && *path) {
+        load_answers_file(path, &settings.answers);
+    }
+    const char* trace = getenv("LIBDIAG_SIM_TRACE");
+    trace_ = trace != nullptr && strcmp(trace, "1") == 0;
+    table = make_simulated_modem();
+    modem = make_table_modem();
+}
+
+Call State::begin(const char* name, std::vector<intptr_t> args) {
+    Call c;
+    c.name = name;
+    c.args = std::move(args);
+    c.at = Clock::now();
+    return c;
+}
+
+bool State::take_programmed(const std::string& name, Outcome* o) {
+    auto it = programmed.find(name);
+    if (it == programmed.end()) return false;
+    o->result = it->second.result;
+    o->err = it->second.err;
+    if (it->second.times > 0 && --it->second.times == 0) programmed.erase(it);
+    return true;
+}
+
+long long State::finish(Call c, const Outcome& o, std::unique_lock<std::mutex>& lk) {
+    c.result = o.result;
+    if (trace_) fprintf(stderr, "libdiag: %s\n", c.str().c_str());
+    if (journal.size() == kJournalMax) journal.pop_front();
+    journal.push_back(std::move(c));
+    lk.unlock();
+    if (o.err != 0) errno = o.err;
+    return o.result;
+}
+
+bool State::send(int proc, const Bytes& request, const Delivery& reply_to) {
+    // the override with the longest prefix of |request|, if any
+    const Answer* best = nullptr;
+    size_t best_len = 0;
+    for (const auto& [prefix, answer] : settings.answers) {
+        if (prefix.size() <= request.size() && (best == nullptr || prefix.size() > best_len) &&
+            std::equal(prefix.begin(), prefix.end(), request.begin())) {
+            best = &answer;
+            best_len = prefix.size();
+        }
+    }
+    if (best != nullptr) {
+        schedule(*best, reply_to, Clock::now());
+        return true;
+    }
+    return modem->send(proc, request, reply_to);
+}
+
+void State::schedule(const Answer& a, const Delivery& reply_to, Clock::time_point sent) {
+    Clock::time_point due = sent + std::min(settings.delay, kMaxAnswerDelay);
+    for (const Response& r : a.responses) {
+        // each step is bounded, so a programmed day-long delay cannot overflow the clock
+        due += std::clamp(r.delay, milliseconds(0), kMaxAnswerDelay);
+        Delivery d = reply_to;
+        d.bytes = r.bytes;
+        d.pieces = r.pieces;
+        if (reply_to.kind != Kind::kCallback) {
+            queue.push(std::move(d), due);
+            continue;
+        }
+        if (!valid_proc(r.proc)) continue;
+        // the local reply, each followed by the same reply from every remote responder
+        d.proc = r.proc;
+        queue.push(d, due);
+        for (int bit = 0; bit < kMaxProc; ++bit) {
+            if ((settings.responders & (1u << bit)) && bit + 1 != r.proc) {
+                d.proc = bit + 1;
+                queue.push(d, due);
+            }
+        }
+    }
+}
+
+void State::stream(const Bytes& record, bool log) {
+    if (!connected) return;
+    for (const auto& [id, client] : clients) {
+        Delivery d;
+        d.kind = Kind::kStream;
+        d.epoch = epoch;
+        d.client = id;
+        d.bytes = record;
+        d.stream_fn = log ? client.log_fn : client.event_fn;
+        if (d.stream_fn != nullptr) queue.push(std::move(d), Clock::now());
+    }
+}
+
+bool State::wanted(const Delivery& d) const {
+    if (!connected || d.epoch != epoch) return false;
+    if (d.kind == Kind::kCallback) return callbacks[d.proc].cb != nullptr;
+    return clients.count(d.client) != 0;
+}
+
+bool State::choose_modem(std::unique_ptr<Modem>* old) {
+    const char* port = port_env();
+    if (port == nullptr) {
+        if (modem->is_port()) {
+            *old = std::move(modem);
+            modem = make_table_modem();
+        }
+        return true;
+    }
+    if (modem->is_port() && modem->alive() && modem->path() == port) return true;
+    std::string error;
+    std::unique_ptr<Modem> opened = open_port_modem(port, &error);
+    *old = std::move(modem);
+    if (opened == nullptr) {
+        fprintf(stderr, "libdiag: cannot open diag port %s: %s\n", port, error.c_str());
+        modem = make_table_modem();
+        return false;
+    }
+    modem = std::move(opened);
+    ++port_stats.opens;
+    return true;
+}
+
+void State::release_modem(std::unique_ptr<Modem>* old) {
+    if (!modem->is_port()) return;
+    *old = std::move(modem);
+    modem = make_table_modem();
+}
+
+bool State::on_port() const {
+    return modem->is_port() || port_env() != nullptr;
+}
+
+void State::trace(const char* fmt, ...) {
+    if (!trace_) return;
+    char line[256];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(line, sizeof line, fmt, ap);
+    va_end(ap);
+    fprintf(stderr, "libdiag: %s\n", line);
+}
+
+void State::restore_defaults(std::unique_ptr<Modem>* old) {
+    settings = Settings{};
+    table = make_simulated_modem();
+    release_modem(old);
+    pending.clear();
+    port_stats = PortStats{};
+    programmed.clear();
+    journal.clear();
+    connected = false;
+    ++epoch;
+    next_client = 1;
+    clients.clear();
+    callbacks = {};
+    logging_mode = kNoMode;
+}
+
+State& state() {
+    // Never destroyed: the delivery thread is detached and callers may still come in while the
+    // process exits.
+    static State* s = new State();
+    return *s;
+}
+
+std::string Call::str() const {
+    std::vector<size_t> ptrs = pointer_args(name);
+    std::string s = name + "(";
+    char buf[32];
+    for (size_t i = 0; i < args.size(); ++i) {
+        bool is_ptr = std::find(ptrs.begin(), ptrs.end(), i) != ptrs.end();
+        if (is_ptr) {
+            snprintf(buf, sizeof buf, "0x%" PRIxPTR, static_cast<uintptr_t>(args[i]));
+        } else {
+            snprintf(buf, sizeof buf, "%" PRIdPTR, args[i]);
+        }
+        s += (i ? ", " : "") + std::string(buf);
+    }
+    s += ") = " + std::to_string(result);
+    if (!data.empty()) {
+        s += " [";
+        size_t shown = std::min<size_t>(data.size(), 32);
+        for (size_t i = 0; i < shown; ++i) {
+            snprintf(buf, sizeof buf, "%s%02x", i ? " " : "", data[i]);
+            s += buf;
+        }
+        s += data.size() > shown ? " ...]" : "]";
+    }
+    return s;
+}
+
+void reset() {
+    State& s = state();
+    std::unique_ptr<Modem> old;  // a port closes once the lock is released
+    std::unique_lock<std::mutex> lk(s.mu);
+    s.queue.drop(0, lk);
+    s.restore_defaults(&old);
+}
+
+std::vector<Call> journal() {
+    return locked([](State& s) { return std::vector<Call>(s.journal.begin(), s.journal.end()); });
+}
+
+std::vector<std::string> journal_names() {
+    std::vector<std::string> names;
+    for (const Call& c : journal()) names.push_back(c.name);
+    return names;
+}
+
+void clear_journal() {
+    locked([](State& s) { s.journal.clear(); });
+}
+
+void program_result(const std::string& call, long long result, int times, int err) {
+    locked([&](State& s) {
+        if (times == 0) {
+            s.programmed.erase(call);
+        } else {
+            s.programmed[call] = Programmed{result, times, err};
+        }
+    });
+}
+
+void set_answer(const Bytes& request_prefix, const Answer& answer) {
+    locked([&](State& s) { s.settings.answers[request_prefix] = answer; });
+}
+
+bool load_answers(const std::string& path) {
+    std::map<Bytes, Answer> answers;
+    bool ok = load_answers_file(path, &answers);
+    locked([&](State& s) {
+        for (auto& [prefix, answer] : answers) s.settings.answers[prefix] = std::move(answer);
+    });
+    return ok;
+}
+
+void clear_answers() {
+    locked([](State& s) { s.settings.answers.clear(); });
+}
+
+void set_backend(std::unique_ptr<Backend> backend) {
+    std::shared_ptr<Backend> b = backend ? std::move(backend) : make_simulated_modem();
+    locked([&](State& s) { s.table.swap(b); });
+    // the old backend dies here, outside the lock, once no answer is using it
+}
+
+void set_answer_delay(milliseconds delay) {
+    locked([&](State& s) { s.settings.delay = delay; });
+}
+
+void set_remote_mask(uint16_t mask) {
+    locked([&](State& s) { s.settings.remote_mask = mask; });
+}
+
+void set_support_list(uint16_t list) {
+    locked([&](State& s) { s.settings.support_list = list; });
+}
+
+void set_remote_responders(uint16_t mask) {
+    locked([&](State& s) { s.settings.responders = mask; });
+}
+
+void emit_log_record(const Bytes& record) {
+    locked([&](State& s) { s.stream(record, true); });
+}
+
+void emit_event_record(const Bytes& record) {
+    locked([&](State& s) { s.stream(record, false); });
+}
+
+bool wait_idle(milliseconds limit) {
+    State& s = state();
+    std::unique_lock<std::mutex> lk(s.mu);
+    return s.queue.wait_idle(limit, lk);
+}
+
+bool connected() {
+    return locked([](State& s) { return s.connected; });
+}
+
+int logging_mode() {
+    return locked([](State& s) { return s.logging_mode; });
+}
+
+PortStats port_stats() {
+    return locked([](State& s) {
+        PortStats p = s.port_stats;
+        p.open = s.modem->is_port() && s.modem->alive();
+        return p;
+    });
+}
+
+}  // namespace libdiag_sim

@@ -1,0 +1,102 @@
+// Which frame from a diag port answers which request. The modem answers in order, but it also
+// sends log packets, event reports and messages of its own at any time, and a caller that gave
+// up leaves its answer to come later; neither may complete another request.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <chrono>
+#include <deque>
+#include <utility>
+#include <vector>
+
+namespace reply_match {
+
+using Bytes = std::vector<uint8_t>;
+using Clock = std::chrono::steady_clock;
+
+constexpr uint8_t kSubsystem = 0x4B;
+constexpr uint8_t kEventReport = 0x60;
+
+// Log packets, event reports with data and messages: never an answer.
+bool is_unsolicited(const uint8_t* frame, size_t n);
+// An error reply code (bad command, parameters, length, device, mode, SPC mode, security mode).
+bool is_error_code(uint8_t code);
+// Whether |frame| answers |request|: the same command (for subsystem commands also the same
+// subsystem and subsystem command), or an error reply that echoes the request.
+bool answers(const Bytes& request, const uint8_t* frame, size_t n);
+
+enum class Outcome {
+    kReply,        // answers a request whose caller still waits
+    kLate,         // answers a request whose caller has gone: dropped
+    kUnsolicited,  // answers nothing
+};
+
+// Requests sent and not answered yet, oldest first, each with where its reply goes (|T|).
+template <typename T>
+class Pending {
+  public:
+    // A request whose caller has gone keeps its place this long, so that its late answer is
+    // recognised as such; past that a matching frame counts for newer requests again.
+    static constexpr std::chrono::seconds kOrphanLifetime{30};
+    static constexpr size_t kMax = 1024;  // far more than a client keeps in flight
+
+    void add(Bytes request, T to, Clock::time_point now) {
+        if (q_.size() == kMax) q_.pop_front();
+        q_.push_back(Entry{std::move(request), std::move(to), now, false});
+    }
+    void pop_newest() {
+        if (!q_.empty()) q_.pop_back();
+    }
+    void clear() { q_.clear(); }
+    size_t size() const { return q_.size(); }
+
+    // Finds what |frame| is. |alive|(const T&) tells whether a request's caller still waits;
+    // on kReply the request is taken off and |*to| says where the reply goes.
+    template <typename Alive>
+    Outcome match(const uint8_t* frame, size_t n, Alive&& alive, Clock::time_point now, T* to) {
+        if (is_unsolicited(frame, n)) return Outcome::kUnsolicited;
+        for (auto it = q_.begin(); it != q_.end();) {
+            bool live = alive(it->to);
+            if (!live && now - it->sent > kOrphanLifetime) {
+                it = q_.erase(it);
+                continue;
+            }
+            if (!answers(it->request, frame, n)) {
+                ++it;
+                continue;
+            }
+            if (live) {
+                *to = std::move(it->to);
+                q_.erase(it);
+                return Outcome::kReply;
+            }
+            if (it->maybe_answered) {
+                // An orphan ahead of it already took a frame that was probably its answer: it
+                // was never going to be answered, so this frame is for someone newer.
+                it = q_.erase(it);
+                continue;
+            }
+            // The caller gave up before its answer came: this is that answer. Newer requests
+            // that it also matches may have lost theirs to it if the orphan was never answered.
+            for (auto later = std::next(it); later != q_.end(); ++later) {
+                if (answers(later->request, frame, n)) later->maybe_answered = true;
+            }
+            q_.erase(it);
+            return Outcome::kLate;
+        }
+        return Outcome::kUnsolicited;
+    }
+
+  private:
+    struct Entry {
+        Bytes request;
+        T to;
+        Clock::time_point sent;
+        bool maybe_answered;
+    };
+    std::deque<Entry> q_;
+};
+
+}  // namespace reply_match

@@ -1,0 +1,175 @@
+// tolven-diag-modem: a modem on a pseudo-terminal. Prints the pty's path, then answers diag
+// command packets in HDLC frames on it until interrupted, so that the serial diag path of the
+// host libdiag (LIBDIAG_PORT) can run without hardware.
+
+#include <errno.h>
+#include <getopt.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "pty_modem.h"
+
+namespace {
+
+constexpr char kProg[] = "tolven-diag-modem";
+
+const char kUsage[] =
+        "Usage: tolven-diag-modem [OPTIONS]\n"
+        "\n"
+        "Opens a pseudo-terminal, prints its path and serves the simulated modem's answers\n"
+        "on it in HDLC frames, as a modem's serial diag port does, until interrupted.\n"
+        "Point the host libdiag at it with LIBDIAG_PORT=PATH (or tolven-diag --port PATH).\n"
+        "\n"
+        "Options:\n"
+        "      --answers FILE      answer overrides, one per line: REQUEST_HEX -> REPLY_HEX\n"
+        "                          [@ MS] or REQUEST_HEX -> none (default: the file named\n"
+        "                          by LIBDIAG_SIM_ANSWERS)\n"
+        "      --log-every MS      send an unsolicited log packet every MS milliseconds\n"
+        "      --event-every MS    send an unsolicited event report every MS milliseconds\n"
+        "      --byte-gap US       write replies one byte at a time, US microseconds apart\n"
+        "      --delay MS          wait MS milliseconds before every reply\n"
+        "      --corrupt-every N   send every Nth reply after a copy of it with a bad CRC\n"
+        "      --garbage           answer with noise that never decodes\n"
+        "      --link PATH         also make PATH a symbolic link to the pty (removed on exit)\n"
+        "  -h, --help              show this help and exit\n"
+        "\n"
+        "Exit status: 0 after an interrupt; 1 the pty or the answers file could not be\n"
+        "opened; 2 bad usage.\n";
+
+pty_modem::Modem* g_modem;
+
+void on_signal(int) {
+    if (g_modem != nullptr) g_modem->stop();
+}
+
+int usage_error(const std::string& message) {
+    fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProg, message.c_str(),
+            kProg);
+    return 2;
+}
+
+bool parse_count(const char* text, long long max, long long* out) {
+    char* end = nullptr;
+    errno = 0;
+    long long v = strtoll(text, &end, 10);
+    if (end == text || *end != '\0' || errno != 0 || v < 0 || v > max) return false;
+    *out = v;
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    enum {
+        kAnswers = 256,
+        kLogEvery,
+        kEventEvery,
+        kByteGap,
+        kDelay,
+        kCorruptEvery,
+        kGarbage,
+        kLink
+    };
+    static const option kLong[] = {
+            {"answers", required_argument, nullptr, kAnswers},
+            {"log-every", required_argument, nullptr, kLogEvery},
+            {"event-every", required_argument, nullptr, kEventEvery},
+            {"byte-gap", required_argument, nullptr, kByteGap},
+            {"delay", required_argument, nullptr, kDelay},
+            {"corrupt-every", required_argument, nullptr, kCorruptEvery},
+            {"garbage", no_argument, nullptr, kGarbage},
+            {"link", required_argument, nullptr, kLink},
+            {"help", no_argument, nullptr, 'h'},
+            {nullptr, 0, nullptr, 0},
+    };
+    constexpr long long kMaxMs = 24LL * 3600 * 1000;
+    pty_modem::Options options;
+    const char* env_answers = getenv("LIBDIAG_SIM_ANSWERS");
+    std::string answers = env_answers != nullptr ? env_answers : "";
+    std::string link;
+    opterr = 0;
+    for (int c; (c = getopt_long(argc, argv, "h", kLong, nullptr)) != -1;) {
+        long long v = 0;
+        bool numeric = c >= kLogEvery && c <= kCorruptEvery;
+        if (numeric && !parse_count(optarg, c == kByteGap ? kMaxMs * 1000 : kMaxMs, &v)) {
+            return usage_error(std::string("bad number '") + optarg + "' for --" +
+                               kLong[c - kAnswers].name);
+        }
+        switch (c) {
+            case kAnswers:
+                answers = optarg;
+                break;
+            case kLogEvery:
+                options.log_every = std::chrono::milliseconds(v);
+                break;
+            case kEventEvery:
+                options.event_every = std::chrono::milliseconds(v);
+                break;
+            case kByteGap:
+                options.byte_gap = std::chrono::microseconds(v);
+                break;
+            case kDelay:
+                options.reply_delay = std::chrono::milliseconds(v);
+                break;
+            case kCorruptEvery:
+                options.corrupt_every = static_cast<int>(std::min<long long>(v, 1 << 30));
+                break;
+            case kGarbage:
+                options.garbage = true;
+                break;
+            case kLink:
+                link = optarg;
+                break;
+            case 'h':
+                fputs(kUsage, stdout);
+                return 0;
+            default:
+                return usage_error(std::string("unknown option ") + argv[optind - 1]);
+        }
+    }
+    if (optind < argc) return usage_error(std::string("unexpected argument ") + argv[optind]);
+
+    if (!answers.empty()) {
+        std::ifstream in(answers, std::ios::binary);
+        if (!in) {
+            fprintf(stderr, "%s: cannot read answers file %s\n", kProg, answers.c_str());
+            return 1;
+        }
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        libdiag_sim::ParsedAnswers parsed = libdiag_sim::parse_answers(text, answers);
+        for (const std::string& e : parsed.errors) fprintf(stderr, "%s: %s\n", kProg, e.c_str());
+        if (!parsed.errors.empty()) return 1;
+        options.answers = pty_modem::answers_of(parsed);
+    }
+
+    std::string error;
+    std::unique_ptr<pty_modem::Modem> modem = pty_modem::Modem::open(std::move(options), &error);
+    if (modem == nullptr) {
+        fprintf(stderr, "%s: %s\n", kProg, error.c_str());
+        return 1;
+    }
+    if (!link.empty()) {
+        unlink(link.c_str());
+        if (symlink(modem->path().c_str(), link.c_str()) != 0) {
+            fprintf(stderr, "%s: cannot link %s: %s\n", kProg, link.c_str(), strerror(errno));
+            return 1;
+        }
+    }
+    g_modem = modem.get();
+    struct sigaction sa {};
+    sa.sa_handler = on_signal;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+    printf("%s\n", modem->path().c_str());
+    fflush(stdout);
+    modem->serve();
+    g_modem = nullptr;
+    if (!link.empty()) unlink(link.c_str());
+    return 0;
+}
