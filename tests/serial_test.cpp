@@ -54,7 +54,6 @@ std::map<Bytes, Answer> answer(const Bytes& req, const Bytes& reply, std::chrono
 class SerialTest : public DiagTest {
   protected:
     void TearDown() override {
-        let_wait_timer_end();
         DiagTest::TearDown();
         unsetenv("LIBDIAG_PORT");
         libdiag_sim::reset();  // closes the port before the modem goes
@@ -90,7 +89,6 @@ TEST_F(SerialTest, RepliesOfEverySizeInBothTransportsThroughNoise) {
     EXPECT_EQ(0, full.result);
     EXPECT_EQ(table_reply(pattern(16380)), full.reply);
     EXPECT_GE(full.elapsed, 300ms - kClockSlack);
-    let_wait_timer_end();
 
     pty_modem::Options noisy;  // unsolicited frames all along, a bad frame before every reply
     noisy.log_every = 1ms;
@@ -134,7 +132,6 @@ TEST_F(SerialTest, RepliesOfEverySizeInBothTransportsThroughNoise) {
         EXPECT_EQ(1u, st.replies);
         EXPECT_EQ(r.options.corrupt_every > 0, st.dropped > 0) << st.dropped;
         EXPECT_EQ(r.options.log_every.count() > 0, st.unsolicited > 0) << st.unsolicited;
-        let_wait_timer_end();
     }
 }
 
@@ -183,7 +180,6 @@ TEST_P(SerialFault, CallerGetsItsTimeLimitAndTheNextCommandWorks) {
     EXPECT_EQ(1, out.result);
     EXPECT_GE(out.elapsed, std::chrono::milliseconds(limit_ms) - kClockSlack);
     EXPECT_LT(out.elapsed, 2s * time_scale());  // loose: the library ticks in 100 ms
-    let_wait_timer_end();
 
     libdiag_sim::PortStats st = libdiag_sim::port_stats();
     EXPECT_EQ(0u, st.replies);
