@@ -1,8 +1,8 @@
 // Soak: N back-to-back synchronous sends of each transport through libtolven_diag.so against the
 // simulated modem, reply sizes spread over 1 to 16,384 bytes (callback mode: up to 10,240, the
 // largest response it accepts). Every reply byte is checked. Prints the resident set size at the
-// start, after 1,000 sends and at the end of each transport, and how long the last command's wait
-// timer outlives it. Exit status 1 on any wrong reply.
+// start, after 1,000 sends and at the end of each transport, and how long the wait timers outlive
+// the last command. Exit status 1 on any wrong reply.
 //
 //   soak [SENDS_PER_TRANSPORT]     (default 10000; run it under valgrind or LeakSanitizer too)
 
@@ -40,10 +40,16 @@ long rss_kb() {
     return -1;
 }
 
-int threads() {
+// Threads of this process named |name| (the library names its timers and workers).
+int threads_named(const char* name) {
     int n = 0;
     DIR* dir = opendir("/proc/self/task");
-    while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
+    while (dirent* e = readdir(dir)) {
+        if (e->d_name[0] == '.') continue;
+        std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string text;
+        n += std::getline(comm, text) && text == name;
+    }
     closedir(dir);
     return n;
 }
@@ -116,14 +122,15 @@ int main(int argc, char** argv) {
     long wrong = soak("dci", false, sends);
     wrong += soak("callback", true, sends);
 
-    // The last command's timer notices the release at its next tick.
+    // Every timer notices at its next tick that its command is over.
     auto last = Clock::now();
-    const int alive = threads();
-    while (threads() >= alive && alive > 1 && Clock::now() - last < std::chrono::seconds(2)) {
+    const int alive = threads_named("TOLV DIAG");
+    while (threads_named("TOLV DIAG") > 0 && Clock::now() - last < std::chrono::seconds(2)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     long ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - last).count();
-    printf("threads right after the last send: %d; %d after %ld ms\n", alive, threads(), ms);
+    printf("wait timers alive after the last send: %d; %d after %ld ms\n", alive,
+           threads_named("TOLV DIAG"), ms);
     libdiag_sim::reset();
     return wrong == 0 ? 0 : 1;
 }
