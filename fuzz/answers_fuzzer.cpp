@@ -9,16 +9,10 @@
 #include <set>
 #include <string>
 
+#include "contract.h"
 #include "libdiag_sim.h"
 
 namespace {
-
-void require(bool ok, const char* what) {
-    if (!ok) {
-        fprintf(stderr, "contract broken: %s\n", what);
-        abort();
-    }
-}
 
 std::string hex(const libdiag_sim::Bytes& bytes) {
     std::string s;

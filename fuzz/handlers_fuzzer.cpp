@@ -14,19 +14,13 @@
 #include <android/log.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include "contract.h"
 #include "tolven_diag_internal.h"
 #include "tolven_utils_host.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-void require(bool ok, const char* what) {
-    if (!ok) {
-        fprintf(stderr, "contract broken: %s\n", what);
-        abort();
-    }
-}
 
 int posts() {
     int value = -1;
@@ -123,11 +117,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
         require(posts() == model_posts, "posts");
     }
 
-    free(g_qcril_diag_rsp_buf.prev);
-    free(g_qcril_diag_rsp_buf.data);
-    g_qcril_diag_rsp_buf.prev = nullptr;
-    g_qcril_diag_rsp_buf.data = nullptr;
-    g_qcril_diag_rsp_buf.length = 0;
+    tolven_diag_reset_for_test(0);
     sem_destroy(&g_diag_rsp_sem);
     sem_init(&g_diag_rsp_sem, 0, 0);
     return 0;

@@ -9,18 +9,12 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include "contract.h"
 #include "hdlc.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-void require(bool ok, const char* what) {
-    if (!ok) {
-        fprintf(stderr, "contract broken: %s\n", what);
-        abort();
-    }
-}
 
 struct Result {
     std::vector<Bytes> frames;

@@ -13,17 +13,11 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include "contract.h"
 #include "tolven_diag_internal.h"
 #include "tolven_utils_host.h"
 
 namespace {
-
-void require(bool ok, const char* what) {
-    if (!ok) {
-        fprintf(stderr, "contract broken: %s\n", what);
-        abort();
-    }
-}
 
 // The one message the last call logged, without its "[proc][file:line] func: " prefix.
 std::string last_message() {

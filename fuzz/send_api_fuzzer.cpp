@@ -19,6 +19,7 @@
 #include <android/log.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include "contract.h"
 #include "libdiag_sim.h"
 #include "tolven_diag_internal.h"
 #include "tolven_utils_host.h"
@@ -33,13 +34,6 @@ using std::chrono::milliseconds;
 constexpr int kPieceLen = 4096;
 constexpr int kMaxPiece = 10240;  // the response check's limit
 constexpr uint8_t kUntouched = 0xEE;
-
-void require(bool ok, const char* what) {
-    if (!ok) {
-        fprintf(stderr, "contract broken: %s\n", what);
-        abort();
-    }
-}
 
 void discard_logger(const struct __android_logger_data*, const char*) {}
 
@@ -165,14 +159,9 @@ void one_command(FuzzedDataProvider& in) {
     libdiag_sim::clear_answers();
     if (!packet.empty()) libdiag_sim::set_answer(packet, answer);
 
-    // Each command starts from an empty store, as after a DCI send.
-    pthread_mutex_lock(&g_qcril_diag_rsp_lock);
-    free(g_qcril_diag_rsp_buf.data);
-    free(g_qcril_diag_rsp_buf.prev);
-    g_qcril_diag_rsp_buf.data = nullptr;
-    g_qcril_diag_rsp_buf.prev = nullptr;
-    g_qcril_diag_rsp_buf.length = 0;
-    pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
+    // Each command starts from an empty store and no stale length; timers of earlier commands
+    // may still tick, and stay out of this one.
+    tolven_diag_reset_for_test(0);
 
     // Exactly |capacity| bytes, so that a write past it is an ASan finding.
     Bytes reply(capacity > 0 ? capacity : 1, kUntouched);

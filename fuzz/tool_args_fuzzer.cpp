@@ -16,18 +16,12 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "args.h"
+#include "contract.h"
 #include "decode.h"
 
 using namespace tolven_diag_tool;
 
 namespace {
-
-void require(bool ok, const char* what) {
-    if (!ok) {
-        fprintf(stderr, "contract broken: %s\n", what);
-        abort();
-    }
-}
 
 bool same(const Options& a, const Options& b) {
     if (a.action != b.action) return false;
