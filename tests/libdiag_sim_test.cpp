@@ -114,7 +114,8 @@ TEST_F(LibdiagSim, AnswersParserAcceptsOrNamesEachLine) {
     } cases[] = {
             {"4B FE 01 -> none", true, "", {0x4B, 0xFE, 0x01}, {}, 0},
             {"1c->1c0900 @ 0x1E  # newer", true, "", {0x1C}, {0x1C, 0x09, 0x00}, 30},
-            {"-> 00 @ 86400000", true, "", {}, {0x00}, 86400000},  // empty prefix: every request
+            {"00 -> 00 @ 86400000", true, "", {0x00}, {0x00}, 86400000},
+            {"-> 00", false, "empty request (it would match every command)", {}, {}, 0},
             {"00 -> 01 @ 86400001", false, "bad delay '86400001' (0 to 86400000 ms)", {}, {}, 0},
             {"00 -> 01 @ 9999999999999", false, "bad delay", {}, {}, 0},
             {"00 -> 01 @ -1", false, "bad delay", {}, {}, 0},

@@ -1,8 +1,10 @@
 // Answers files: "REQUEST_HEX_PREFIX -> REPLY_HEX|none [@ DELAY_MS]" lines, '#' comments.
 
 #include <ctype.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <charconv>
 #include <fstream>
@@ -80,6 +82,10 @@ ParsedAnswers parse_answers(const std::string& text, const std::string& name) {
             refuse("bad request hex '" + trim(request) + "'");
             continue;
         }
+        if (a.request_prefix.empty()) {
+            refuse("empty request (it would match every command)");
+            continue;
+        }
         size_t at = line.find('@', arrow);
         std::string reply = trim(line.substr(arrow + 2, at - arrow - 2));
         a.silent = reply == "none";
@@ -103,7 +109,7 @@ ParsedAnswers parse_answers(const std::string& text, const std::string& name) {
 bool load_answers_file(const std::string& path, std::map<Bytes, Answer>* answers) {
     std::string text;
     if (!read_file(path, &text)) {
-        fprintf(stderr, "libdiag: cannot read answers file %s\n", path.c_str());
+        fprintf(stderr, "libdiag: cannot read %s: %s\n", path.c_str(), strerror(errno));
         return false;
     }
     ParsedAnswers parsed = parse_answers(text, path);

@@ -90,7 +90,7 @@ State::State()
     settings.support_list = env_number("LIBDIAG_SIM_SUPPORT_LIST", 0x0002, 0xFFFF);
     settings.responders = env_number("LIBDIAG_SIM_RESPONDERS", 0, 0xFFFF);
     if (const char* path = getenv("LIBDIAG_SIM_ANSWERS"); path && *path) {
-        load_answers_file(path, &settings.answers);
+        answers_broken = !load_answers_file(path, &settings.answers);
     }
     const char* trace = getenv("LIBDIAG_SIM_TRACE");
     trace_ = trace != nullptr && strcmp(trace, "1") == 0;
@@ -232,6 +232,7 @@ void State::trace(const char* fmt, ...) {
 
 void State::restore_defaults(std::unique_ptr<Modem>* old) {
     settings = Settings{};
+    answers_broken = false;
     table = make_simulated_modem();
     release_modem(old);
     pending.clear();

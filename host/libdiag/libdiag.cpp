@@ -50,6 +50,8 @@ bool Diag_LSM_Init(uint8_t* env) {
     Outcome o;
     if (s.take_programmed(c.name, &o)) {
         o.result = o.result != 0;
+    } else if (s.answers_broken) {
+        fprintf(stderr, "libdiag: not connecting: fix the LIBDIAG_SIM_ANSWERS file first\n");
     } else if (s.choose_modem(&old)) {
         s.connected = true;
         o.result = 1;

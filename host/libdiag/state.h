@@ -82,6 +82,9 @@ class State {
 
     std::mutex mu;
     Settings settings;
+    // A LIBDIAG_SIM_ANSWERS that cannot be read or has bad lines fails every Diag_LSM_Init: a run
+    // on half an answers file would answer something else than the user meant.
+    bool answers_broken = false;
     std::shared_ptr<Backend> table;  // what the table modem answers from
     std::unique_ptr<Modem> modem;    // chosen by Diag_LSM_Init
     std::map<std::string, Programmed> programmed;

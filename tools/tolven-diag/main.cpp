@@ -121,71 +121,6 @@ std::string json_number(double v) {
     return text;
 }
 
-// ---- The answers file of the simulated modem (host only) ----
-
-std::string trim(const std::string& s) {
-    size_t b = s.find_first_not_of(" \t\r");
-    if (b == std::string::npos) return "";
-    return s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
-}
-
-bool answer_hex(const std::string& text) {
-    size_t digits = 0;
-    for (char c : text) {
-        if (c == ' ' || c == '\t') continue;
-        if (!isxdigit(static_cast<unsigned char>(c))) return false;
-        ++digits;
-    }
-    return digits > 0 && digits % 2 == 0;
-}
-
-// Decimal or 0x hex milliseconds.
-bool answer_delay(const std::string& text) {
-    bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    std::string digits = hex ? text.substr(2) : text;
-    return !digits.empty() && digits.find_first_not_of(hex ? "0123456789abcdefABCDEF"
-                                                           : "0123456789") == std::string::npos;
-}
-
-// The simulator only warns about a file it cannot read and takes an empty request as a prefix of
-// every request; a run on such a file would answer something else than the user meant.
-bool check_answers_file(const char* path, std::string* why) {
-    std::ifstream in(path);
-    if (!in) {
-        *why = std::string("cannot read ") + path + ": " + strerror(errno);
-        return false;
-    }
-    std::string line;
-    for (int n = 1; std::getline(in, line); ++n) {
-        line = trim(line.substr(0, line.find('#')));
-        if (line.empty()) continue;
-        size_t arrow = line.find("->");
-        std::string where = std::string(path) + ":" + std::to_string(n) + ": ";
-        if (arrow == std::string::npos) {
-            *why = where + "expected 'REQUEST_HEX -> REPLY_HEX|none [@ MS]'";
-            return false;
-        }
-        std::string request = trim(line.substr(0, arrow));
-        size_t at = line.find('@', arrow);
-        std::string reply = trim(line.substr(
-                arrow + 2, at == std::string::npos ? std::string::npos : at - arrow - 2));
-        std::string delay = at == std::string::npos ? "0" : trim(line.substr(at + 1));
-        if (request.empty()) {
-            *why = where + "empty request (it would match every command)";
-        } else if (!answer_hex(request)) {
-            *why = where + "bad request hex '" + printable(request) + "' (pairs of hex digits)";
-        } else if (reply != "none" && !answer_hex(reply)) {
-            *why = where + "bad reply '" + printable(reply) + "' (pairs of hex digits, or none)";
-        } else if (!answer_delay(delay)) {
-            *why = where + "bad delay '" + printable(delay) + "' (milliseconds)";
-        } else {
-            continue;
-        }
-        return false;
-    }
-    return true;
-}
-
 // ---- Sends ----
 
 enum class Outcome { kOk, kRefused, kDiagError, kTimedOut };
@@ -639,16 +574,6 @@ int main(int argc, char** argv) {
     // The library and libdiag read these on their first call.
     if (o.verbose) setenv("TOLVEN_LOG_SHELL", "1,4", 1);
     if (!o.port.empty()) setenv("LIBDIAG_PORT", o.port.c_str(), 1);
-    const char* answers = getenv("LIBDIAG_SIM_ANSWERS");
-    std::string why;
-    bool talks_to_diag =
-            o.action == Action::kSend || o.action == Action::kNoWait || o.action == Action::kMdm;
-    if (talks_to_diag && answers != nullptr && *answers != '\0' &&
-        !check_answers_file(answers, &why)) {
-        error("LIBDIAG_SIM_ANSWERS: " + why);
-        return kExitFailed;
-    }
-
     int status = run(o);
     if (fflush(g_out) != 0 || ferror(g_out)) {
         error(std::string("cannot write the output: ") + strerror(errno));
