@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <iterator>
@@ -106,18 +107,41 @@ ParsedAnswers parse_answers(const std::string& text, const std::string& name) {
     return out;
 }
 
-bool load_answers_file(const std::string& path, std::map<Bytes, Answer>* answers) {
+ParsedAnswers parse_answers_file(const std::string& path) {
     std::string text;
     if (!read_file(path, &text)) {
-        fprintf(stderr, "libdiag: cannot read %s: %s\n", path.c_str(), strerror(errno));
-        return false;
+        ParsedAnswers unread;
+        unread.errors.push_back("cannot read " + path + ": " + strerror(errno));
+        return unread;
     }
-    ParsedAnswers parsed = parse_answers(text, path);
-    // A later line replaces an earlier one of the same prefix.
+    return parse_answers(text, path);
+}
+
+std::map<Bytes, Answer> answers_of(const ParsedAnswers& parsed) {
+    std::map<Bytes, Answer> answers;
     for (const AnswerLine& l : parsed.lines) {
-        (*answers)[l.request_prefix] =
+        answers[l.request_prefix] =
                 l.silent ? Answer{} : Answer{{Response{0, l.reply, {}, l.delay}}};
     }
+    return answers;
+}
+
+const Answer* find_answer(const std::map<Bytes, Answer>& answers, const Bytes& request) {
+    const Answer* best = nullptr;
+    size_t best_len = 0;
+    for (const auto& [prefix, answer] : answers) {
+        if (prefix.size() <= request.size() && (best == nullptr || prefix.size() > best_len) &&
+            std::equal(prefix.begin(), prefix.end(), request.begin())) {
+            best = &answer;
+            best_len = prefix.size();
+        }
+    }
+    return best;
+}
+
+bool load_answers_file(const std::string& path, std::map<Bytes, Answer>* answers) {
+    ParsedAnswers parsed = parse_answers_file(path);
+    for (auto& [prefix, answer] : answers_of(parsed)) (*answers)[prefix] = std::move(answer);
     for (const std::string& e : parsed.errors) fprintf(stderr, "libdiag: %s\n", e.c_str());
     return parsed.errors.empty();
 }

@@ -126,18 +126,8 @@ long long State::finish(Call c, const Outcome& o, std::unique_lock<std::mutex>& 
 }
 
 bool State::send(int proc, const Bytes& request, const Delivery& reply_to) {
-    // the override with the longest prefix of |request|, if any
-    const Answer* best = nullptr;
-    size_t best_len = 0;
-    for (const auto& [prefix, answer] : settings.answers) {
-        if (prefix.size() <= request.size() && (best == nullptr || prefix.size() > best_len) &&
-            std::equal(prefix.begin(), prefix.end(), request.begin())) {
-            best = &answer;
-            best_len = prefix.size();
-        }
-    }
-    if (best != nullptr) {
-        schedule(*best, reply_to, Clock::now());
+    if (const Answer* a = find_answer(settings.answers, request)) {
+        schedule(*a, reply_to, Clock::now());
         return true;
     }
     return modem->send(proc, request, reply_to);

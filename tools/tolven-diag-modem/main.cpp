@@ -10,8 +10,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "pty_modem.h"
@@ -137,16 +135,10 @@ int main(int argc, char** argv) {
     if (optind < argc) return usage_error(std::string("unexpected argument ") + argv[optind]);
 
     if (!answers.empty()) {
-        std::ifstream in(answers, std::ios::binary);
-        if (!in) {
-            fprintf(stderr, "%s: cannot read answers file %s\n", kProg, answers.c_str());
-            return 1;
-        }
-        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        libdiag_sim::ParsedAnswers parsed = libdiag_sim::parse_answers(text, answers);
+        libdiag_sim::ParsedAnswers parsed = libdiag_sim::parse_answers_file(answers);
         for (const std::string& e : parsed.errors) fprintf(stderr, "%s: %s\n", kProg, e.c_str());
         if (!parsed.errors.empty()) return 1;
-        options.answers = pty_modem::answers_of(parsed);
+        options.answers = libdiag_sim::answers_of(parsed);
     }
 
     std::string error;

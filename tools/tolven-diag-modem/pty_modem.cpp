@@ -54,16 +54,8 @@ struct Modem::Impl {
     Stats stats;
 
     Answer answer(const Bytes& req) {
-        const Answer* best = nullptr;
-        size_t best_len = 0;
-        for (const auto& [prefix, a] : options.answers) {
-            if (prefix.size() <= req.size() && (best == nullptr || prefix.size() > best_len) &&
-                std::equal(prefix.begin(), prefix.end(), req.begin())) {
-                best = &a;
-                best_len = prefix.size();
-            }
-        }
-        return best != nullptr ? *best : table->answer(0, req);
+        const Answer* a = libdiag_sim::find_answer(options.answers, req);
+        return a != nullptr ? *a : table->answer(0, req);
     }
 
     void bad_frame(const Bytes& payload, Bytes* frame) {
@@ -278,15 +270,6 @@ void Modem::close_pty() {
 Stats Modem::stats() const {
     std::lock_guard<std::mutex> lk(impl_->stats_mu);
     return impl_->stats;
-}
-
-std::map<Bytes, Answer> answers_of(const libdiag_sim::ParsedAnswers& parsed) {
-    std::map<Bytes, Answer> answers;
-    for (const libdiag_sim::AnswerLine& l : parsed.lines) {
-        answers[l.request_prefix] =
-                l.silent ? Answer{} : Answer{{libdiag_sim::Response{0, l.reply, {}, l.delay}}};
-    }
-    return answers;
 }
 
 }  // namespace pty_modem

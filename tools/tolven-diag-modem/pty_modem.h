@@ -67,7 +67,4 @@ class Modem {
     std::thread thread_;
 };
 
-// The answers of |parsed|, as Options::answers wants them.
-std::map<Bytes, Answer> answers_of(const libdiag_sim::ParsedAnswers& parsed);
-
 }  // namespace pty_modem

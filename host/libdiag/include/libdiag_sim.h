@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -100,6 +101,13 @@ struct ParsedAnswers {
 // Parses the text of an answers file; |name| prefixes the error messages. Every line that is
 // neither blank nor a comment ends up in exactly one of the two lists.
 ParsedAnswers parse_answers(const std::string& text, const std::string& name);
+// Reads and parses the answers file at |path|; a file that cannot be read is one error,
+// "cannot read PATH: why".
+ParsedAnswers parse_answers_file(const std::string& path);
+// The overrides |parsed| makes: a later line replaces an earlier one of the same prefix.
+std::map<Bytes, Answer> answers_of(const ParsedAnswers& parsed);
+// The answer whose request prefix is the longest one that |request| starts with, or null.
+const Answer* find_answer(const std::map<Bytes, Answer>& answers, const Bytes& request);
 
 // Delay before the first response of every answer, on top of each Response's own delay.
 void set_answer_delay(std::chrono::milliseconds delay);
