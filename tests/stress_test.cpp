@@ -39,6 +39,10 @@ constexpr uint8_t kSentinel = 0xEE;
 
 enum class Phase { kStrict, kWithWorkers };
 
+// What the workers send: an echo whose marked payload no synchronous send uses, so that its
+// answer is known wherever it lands.
+const Bytes kWorkerPacket = {0x4B, 0xFE, 0x01, 0x00, 0xF1, 0x2E, 0x5A};
+
 struct Expect {
     Bytes request;
     Bytes reply;    // what the modem answers
@@ -93,7 +97,7 @@ Expect make_command(std::mt19937& rng, bool callback) {
 
 struct Tally {
     std::atomic<long> sends{0}, dci{0}, callback{0}, cut{0}, refused{0}, pieces{0}, fire{0};
-    std::atomic<long> overlapped_timeouts{0}, overlapped_full_pieces{0};
+    std::atomic<long> overlapped_timeouts{0}, overlapped_full_pieces{0}, worker_answers{0};
     std::mutex lock;
     std::vector<std::string> failures;
 
@@ -114,8 +118,9 @@ std::string hex_prefix(const Bytes& b) {
 }
 
 // One synchronous send, checked. Under fire-and-forget workers (which close the process's diag
-// connection and take the callbacks over) a send may time out or, by the full-piece rule, end
-// early with a multiple of 4096 bytes; the bytes it does hand over are still checked.
+// connection and take the callbacks over) a send may time out, end early with a multiple of 4096
+// bytes by the full-piece rule, or, in callback mode, be handed a worker's answer by the callback
+// it registered after the worker's; the bytes it does hand over are still checked.
 void send_and_check(std::mt19937& rng, Phase phase, Tally& tally) {
     const bool callback = std::uniform_int_distribution<int>(0, 1)(rng) == 1;
     Expect e = make_command(rng, callback);
@@ -139,8 +144,9 @@ void send_and_check(std::mt19937& rng, Phase phase, Tally& tally) {
         tally.pieces += static_cast<long>(e.reply.size() / kPieceLen + 1);
     }
     tally.sends++;
-    const std::string what = std::string(callback ? "callback" : "dci") + " request " +
-                             hex_prefix(e.request) + "(" + std::to_string(len) + " bytes), reply " +
+    const std::string what = std::string(phase == Phase::kStrict ? "" : "beside workers, ") +
+                             (callback ? "callback" : "dci") + " request " + hex_prefix(e.request) +
+                             "(" + std::to_string(len) + " bytes), reply " +
                              std::to_string(e.reply.size()) + ", capacity " +
                              std::to_string(capacity) + ": result " + std::to_string(result) +
                              ", reply_len " + std::to_string(reply_len);
@@ -169,6 +175,12 @@ void send_and_check(std::mt19937& rng, Phase phase, Tally& tally) {
     }
     if (phase == Phase::kWithWorkers && reply_len > 0 && reply_len % kPieceLen == 0) {
         tally.overlapped_full_pieces++;
+        return;
+    }
+    const int worker_len = std::min<int>(capacity, static_cast<int>(kWorkerPacket.size()));
+    if (phase == Phase::kWithWorkers && callback && reply_len == worker_len &&
+        std::equal(buf.begin(), buf.begin() + worker_len, kWorkerPacket.begin())) {
+        tally.worker_answers++;
         return;
     }
     auto diff = std::mismatch(buf.begin(), buf.begin() + std::min(reply_len, capacity),
@@ -230,11 +242,11 @@ TEST(Stress, BackToBackSendsFromEightThreads) {
                 Phase phase = phase_now();
                 if (t == 0 && phase == Phase::kWithWorkers && Clock::now() < workers_until) {
                     // One worker at a time, spaced so that they never queue up.
-                    Bytes packet = {0x1C};
+                    const int len = static_cast<int>(kWorkerPacket.size());
                     int r = tally.fire % 2 == 0
-                                    ? tolven_diag_cmd_send_without_result(packet.data(), 1)
+                                    ? tolven_diag_cmd_send_without_result(kWorkerPacket.data(), len)
                                     : tolven_diag_cmd_send_without_result_by_callback_mode(
-                                              packet.data(), 1);
+                                              kWorkerPacket.data(), len);
                     if (r != 0) tally.fail("fire-and-forget refused");
                     tally.fire++;
                     std::this_thread::sleep_for(500ms);
@@ -248,10 +260,11 @@ TEST(Stress, BackToBackSendsFromEightThreads) {
 
     printf("%ld sends (%ld DCI, %ld callback, ~%ld DCI pieces), %ld cut to the capacity, %ld "
            "refused callback responses, %ld fire-and-forget; beside workers: %ld time-outs, %ld "
-           "full-piece endings\n",
+           "full-piece endings, %ld workers' answers\n",
            tally.sends.load(), tally.dci.load(), tally.callback.load(), tally.pieces.load(),
            tally.cut.load(), tally.refused.load(), tally.fire.load(),
-           tally.overlapped_timeouts.load(), tally.overlapped_full_pieces.load());
+           tally.overlapped_timeouts.load(), tally.overlapped_full_pieces.load(),
+           tally.worker_answers.load());
     for (const std::string& f : tally.failures) ADD_FAILURE() << f;
     EXPECT_GT(tally.fire.load(), 0);
     EXPECT_GT(tally.sends.load(), 100);
