@@ -25,24 +25,29 @@ std::string banner(int channel, const char* name, int len) {
            "], len = " + std::to_string(len) + " ========================";
 }
 
-// The timer body run on the test's thread: ticks, posts and the time-out flag. A timer times only
-// the command that started it (|own|: its command is the one armed last).
+// The timer body run on the test's thread: ticks, posts, the time-out flag and its last line. A
+// timer times only the command that started it (|own|: its command is the one armed last); once
+// that command is released it still logs its lines but posts nothing.
 TEST(WaitTimer, TicksPostsAndFlag) {
     struct Row {
         bool own, waiting;
         int limit, length, ticks, posts;
         bool timed_out;
+        const char* last;  // the line before the exit mark; nullptr: none of the two
     };
+    constexpr const char* kSuccess = "stop waiting, receive success, length is times of 4096";
+    constexpr const char* kStop = "stop waiting";
     const Row rows[] = {
-            {true, true, 2, 0, 2, 1, true},
-            {true, true, 0, 0, 1, 1, true},  // one tick
-            {true, true, -3, 0, 1, 1, true},
-            {true, true, 2, 4097, 2, 1, true},
-            {true, true, 2, 4096, 2, 1, false},  // full pieces count as answered
-            {true, false, 30, 0, 1, 0, false},   // already released
-            {true, false, 30, 8192, 1, 0, false},
-            {false, true, 1, 0, 1, 0, false},  // a later command is not this timer's
-            {false, true, 1, 4096, 1, 0, false},
+            {true, true, 2, 0, 2, 1, true, kStop},
+            {true, true, 0, 0, 1, 1, true, kStop},  // one tick
+            {true, true, -3, 0, 1, 1, true, kStop},
+            {true, true, 2, 4097, 2, 1, true, kStop},
+            {true, true, 2, 4096, 2, 1, false, kSuccess},  // full pieces count as answered
+            {true, false, 30, 0, 1, 0, false, nullptr},    // already released
+            {true, false, 30, 4095, 1, 0, false, nullptr},
+            {true, false, 30, 8192, 1, 0, false, kSuccess},
+            {false, true, 1, 0, 1, 0, false, nullptr},  // a later command is not this timer's
+            {false, true, 1, 4096, 1, 0, false, kSuccess},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(::testing::Message() << "own " << row.own << " waiting " << row.waiting
@@ -59,8 +64,75 @@ TEST(WaitTimer, TicksPostsAndFlag) {
         EXPECT_EQ(sem_posts(), row.posts);
         EXPECT_EQ(g_diag_rsp_timed_out.load(), row.timed_out);
         EXPECT_EQ(log.count("cnt_of_100ms = "), row.ticks);
-        EXPECT_TRUE(log.has("function exit <-------------"));
+        std::vector<std::string> m = log.messages();
+        ASSERT_GE(m.size(), 2u);
+        EXPECT_EQ(m.back(), "function exit <-------------");
+        EXPECT_EQ(log.count(kStop), row.last == nullptr ? 0 : 1);
+        if (row.last != nullptr) {
+            EXPECT_EQ(m[m.size() - 2], row.last);
+        }
         sem_destroy(&g_diag_rsp_sem);
+    }
+}
+
+// A command released by its handler with a stored length that is a multiple of 4096: its timer
+// logs the success line at its next tick, and the command sent right after it is neither released
+// nor timed out by that timer.
+TEST_F(DiagTest, ReleasedTimerLogsTheSuccessLineOnly) {
+    struct Row {
+        const char* name;
+        SendFn send;
+        int length;
+        std::vector<int> pieces;  // DCI cut; empty: 4096-byte pieces
+        bool line;
+    };
+    const Row rows[] = {
+            {"callback, one 4096-byte response",
+             tolven_diag_cmd_send_with_result_by_callback_mode,
+             4096,
+             {},
+             true},
+            {"DCI, one 8192-byte piece",
+             tolven_diag_cmd_send_with_result_by_dci_mode,
+             8192,
+             {8192},
+             true},
+            {"callback, 4097 bytes",
+             tolven_diag_cmd_send_with_result_by_callback_mode,
+             4097,
+             {},
+             false},
+            {"DCI, 4096 + 1808 bytes", tolven_diag_cmd_send_with_result_by_dci_mode, 5904, {}, false},
+    };
+    const Bytes request = {0x4B, 0xFE, 0x7E, 0x00};
+    const Bytes next_request = {0x4B, 0xFE, 0x7F, 0x00};
+    const Bytes next_reply = ramp(40, 0x4B);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_TRUE(tolven_diag_reset_for_test(10000 * time_scale()));
+        libdiag_sim::reset();
+        log.clear();
+        const Bytes reply = ramp(row.length, 0x4B);
+        libdiag_sim::set_answer(request, Answer{{Response{0, reply, row.pieces, 0ms}}});
+        // Answered after the first command's timer has had its next tick.
+        libdiag_sim::set_answer(next_request, Answer{{Response{0, next_reply, {}, 250ms}}});
+        SendOutcome out = send_packet(row.send, request, 3000);
+        EXPECT_EQ(out.result, 0);
+        EXPECT_EQ(out.reply, reply);
+        out = send_packet(row.send, next_request, 3000);
+        EXPECT_EQ(out.result, 0);
+        EXPECT_GE(out.elapsed, 250ms - kClockSlack);
+        EXPECT_EQ(out.reply, next_reply);
+        ASSERT_TRUE(tolven_diag_reset_for_test(10000 * time_scale()));
+        int lines = 0;
+        for (const auto& l : log.lines()) {
+            lines += l.text.find(
+                             "] tolven_diag_cmd_send_with_result_wait_thread_proc: stop "
+                             "waiting, receive success, length is times of 4096") !=
+                     std::string::npos;
+        }
+        EXPECT_EQ(lines, row.line ? 1 : 0);
+        EXPECT_EQ(log.count("stop waiting"), lines);
     }
 }
 

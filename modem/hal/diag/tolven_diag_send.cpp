@@ -387,17 +387,19 @@ void* tolven_diag_cmd_send_with_result_wait_thread_proc(void* arg) {
         if (waiting) limit = g_diag_cmd_time_100ms.load(std::memory_order_relaxed);
     } while (waiting && n < limit);
 
-    // Decided under the store's lock, where the sender disarms: a released command gets no post.
+    // Decided under the store's lock, where the sender disarms. A released command still gets
+    // the timer's lines, but no post and no flag.
     pthread_mutex_lock(&g_qcril_diag_rsp_lock);
-    if (g_diag_cmd_seq.load(std::memory_order_relaxed) == cmd &&
-        g_diag_rsp_waiting.load(std::memory_order_relaxed) && n >= limit) {
-        int len = g_qcril_diag_rsp_buf.length.load(std::memory_order_relaxed);
-        if (len != 0 && (len & (kDciPieceLen - 1)) == 0) {
-            // A response made only of full pieces never ends itself: count it as answered.
-            TOLVEN_LOGD("stop waiting, receive success, length is times of 4096");
-            sem_post(&g_diag_rsp_sem);
-        } else {
-            TOLVEN_LOGD("stop waiting");
+    const bool own = g_diag_cmd_seq.load(std::memory_order_relaxed) == cmd &&
+                     g_diag_rsp_waiting.load(std::memory_order_relaxed);
+    int len = g_qcril_diag_rsp_buf.length.load(std::memory_order_relaxed);
+    if (len != 0 && (len & (kDciPieceLen - 1)) == 0) {
+        // A response made only of full pieces never ends itself: count it as answered.
+        TOLVEN_LOGD("stop waiting, receive success, length is times of 4096");
+        if (own) sem_post(&g_diag_rsp_sem);
+    } else if (waiting && n >= limit) {
+        TOLVEN_LOGD("stop waiting");
+        if (own) {
             // Set before the post, so that the woken sender cannot miss it.
             g_diag_rsp_timed_out.store(true, std::memory_order_relaxed);
             sem_post(&g_diag_rsp_sem);
