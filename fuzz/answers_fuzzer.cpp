@@ -9,12 +9,12 @@
 #include <set>
 #include <string>
 
+#include "answers_file.h"
 #include "contract.h"
-#include "libdiag_sim.h"
 
 namespace {
 
-std::string hex(const libdiag_sim::Bytes& bytes) {
+std::string hex(const diag_wire::Bytes& bytes) {
     std::string s;
     char pair[4];
     for (uint8_t b : bytes) {
@@ -47,7 +47,7 @@ std::set<int> content_lines(const std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    libdiag_sim::ParsedAnswers parsed = libdiag_sim::parse_answers(text, "f");
+    diag_modem::ParsedAnswers parsed = diag_modem::parse_answers(text, "f");
 
     std::set<int> seen;
     for (const std::string& e : parsed.errors) {
@@ -57,19 +57,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         require(seen.insert(line).second, "one error per line");
     }
     int previous = 0;
-    for (const libdiag_sim::AnswerLine& a : parsed.lines) {
+    for (const diag_modem::AnswerLine& a : parsed.lines) {
         require(a.line > previous, "accepted lines in file order");
         previous = a.line;
         require(seen.insert(a.line).second, "a line is accepted or refused, not both");
         require(a.silent == a.reply.empty(), "only silent answers have no reply");
-        require(a.delay >= std::chrono::milliseconds(0) && a.delay <= libdiag_sim::kMaxAnswerDelay,
+        require(a.delay >= std::chrono::milliseconds(0) && a.delay <= diag_modem::kMaxAnswerDelay,
                 "delay within bounds");
 
         std::string again = hex(a.request_prefix) + "-> " + (a.silent ? "none" : hex(a.reply)) +
                             "@ " + std::to_string(a.delay.count());
-        libdiag_sim::ParsedAnswers back = libdiag_sim::parse_answers(again, "g");
+        diag_modem::ParsedAnswers back = diag_modem::parse_answers(again, "g");
         require(back.errors.empty() && back.lines.size() == 1, "canonical line parses");
-        const libdiag_sim::AnswerLine& b = back.lines[0];
+        const diag_modem::AnswerLine& b = back.lines[0];
         require(b.request_prefix == a.request_prefix && b.reply == a.reply &&
                         b.silent == a.silent && b.delay == a.delay,
                 "canonical line round-trips");

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "hdlc.h"
-#include "reply_match.h"
+#include "matcher.h"
 
 namespace {
 
@@ -132,7 +132,7 @@ TEST(ReplyMatch, WhichFrameAnswersWhichRequest) {
             {{0x00}, {0x13}, false},
     };
     for (const Row& r : rows) {
-        EXPECT_EQ(r.answers, reply_match::answers(r.request, r.frame.data(), r.frame.size()))
+        EXPECT_EQ(r.answers, matcher::answers(r.request, r.frame.data(), r.frame.size()))
                 << ::testing::PrintToString(r.request) << " / "
                 << ::testing::PrintToString(r.frame);
     }
@@ -140,7 +140,7 @@ TEST(ReplyMatch, WhichFrameAnswersWhichRequest) {
 
 // Requests tagged by number; |gone| lists callers that gave up.
 TEST(ReplyMatch, LateAnswersNeverCompleteANewerRequest) {
-    using reply_match::Outcome;
+    using matcher::Outcome;
     using Step = std::pair<Bytes, Outcome>;  // a frame, and what it must be
     const Bytes echo_a = {0x4B, 0xFE, 0x01, 0x00, 0xAA}, echo_b = {0x4B, 0xFE, 0x01, 0x00, 0xBB};
     const Bytes log = {0x10, 0x00, 0x04, 0x00};
@@ -174,32 +174,31 @@ TEST(ReplyMatch, LateAnswersNeverCompleteANewerRequest) {
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.name);
-        reply_match::Pending<int> pending;
-        auto now = reply_match::Clock::now();
+        matcher::Pending<int> pending;
+        auto now = matcher::Clock::now();
         for (size_t i = 0; i < r.requests.size(); ++i) pending.add(r.requests[i], int(i), now);
-        auto alive = [&](int id) {
-            return std::find(r.gone.begin(), r.gone.end(), id) == r.gone.end();
-        };
+        pending.orphan([&](int id) {
+            return std::find(r.gone.begin(), r.gone.end(), id) != r.gone.end();
+        });
         std::vector<int> completed;
         for (const Step& s : r.frames) {
             int to = -1;
-            EXPECT_EQ(s.second, pending.match(s.first.data(), s.first.size(), alive, now, &to))
+            EXPECT_EQ(s.second, pending.match(s.first.data(), s.first.size(), now, &to))
                     << ::testing::PrintToString(s.first);
             if (to >= 0) completed.push_back(to);
         }
         EXPECT_EQ(r.completed, completed);
     }
     // past its lifetime an orphan no longer takes answers
-    reply_match::Pending<int> pending;
-    auto then = reply_match::Clock::now();
+    matcher::Pending<int> pending;
+    auto then = matcher::Clock::now();
     pending.add({0x1C}, 0, then);
+    pending.orphan([](int) { return true; });
     pending.add({0x1C}, 1, then + std::chrono::seconds(31));
     int to = -1;
     const Bytes reply = {0x1C, 0x08};
-    EXPECT_EQ(reply_match::Outcome::kReply,
-              pending.match(
-                      reply.data(), reply.size(), [](int id) { return id == 1; },
-                      then + std::chrono::seconds(31), &to));
+    EXPECT_EQ(matcher::Outcome::kReply,
+              pending.match(reply.data(), reply.size(), then + std::chrono::seconds(31), &to));
     EXPECT_EQ(1, to);
     EXPECT_EQ(0u, pending.size());
 }

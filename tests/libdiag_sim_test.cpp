@@ -6,12 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include "answers_file.h"
 #include "libdiag_sim.h"
 #include "tolven_diag_platform.h"
 
 namespace {
 
 using namespace libdiag_sim;
+using diag_modem::ParsedAnswers;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -58,8 +60,21 @@ TEST_F(LibdiagSim, AnswerTable) {
             {{0x1C, 0x00}, 3, {0x15, 0x1C, 0x00}},
             {{0x4B, 0xFE}, 3, {0x15, 0x4B, 0xFE}},
             {{0x4B, 0xFE, 0x02, 0x00, 0x01}, 6, {0x15, 0x4B, 0xFE, 0x02, 0x00, 0x01}},
+            // a request wrapped for a subscription gets the packet's reply, wrapped the same way
+            {{0x98, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x1C},
+             11,
+             {0x98, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x1C, 0x08, 0x00}},
+            {{0x98, 0x01, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00, 0x99},
+             10,
+             {0x98, 0x01, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00, 0x13, 0x99}},
+            {{0x98, 0x01, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00},  // a wrapper around nothing
+             9,
+             {0x15, 0x98, 0x01, 0x00, 0x00, 0x07}},
+            {{0x98, 0x02, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00, 0x1C},  // not the wrapper
+             10,
+             {0x13, 0x98, 0x02}},
     };
-    auto modem = make_simulated_modem();
+    auto modem = diag_modem::make_builtin_table();
     for (const Case& c : cases) {
         Answer a = modem->answer(3, c.req);
         ASSERT_EQ(1u, a.responses.size());
@@ -90,6 +105,10 @@ TEST_F(LibdiagSim, OverridesFromCodeAndFileLongestPrefixWins) {
             {{0x4B, 0x21, 0x01, 0x00}, {{0xAA}}, {}},
             {{0x1C}, {{0x1C, 0x09, 0x00}}, milliseconds(30)},
             {{0x00, 0x00}, {{0x15, 0x00, 0x00}}, {}},  // the modem still answers the rest
+            // a wrapped request takes the override of the packet inside, wrapped
+            {{0x98, 0x01, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x1C},
+             {{0x98, 0x01, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x1C, 0x09, 0x00}},
+             milliseconds(30)},
     };
     int client = connect_client();
     for (Case& c : cases) {
@@ -126,7 +145,8 @@ TEST_F(LibdiagSim, AnswersParserAcceptsOrNamesEachLine) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
-        ParsedAnswers p = parse_answers(std::string("# head\n\n") + c.text + "\r\n", "f");
+        ParsedAnswers p =
+                diag_modem::parse_answers(std::string("# head\n\n") + c.text + "\r\n", "f");
         ASSERT_EQ(c.accepted ? 1u : 0u, p.lines.size());
         ASSERT_EQ(c.accepted ? 0u : 1u, p.errors.size());
         if (!c.accepted) {

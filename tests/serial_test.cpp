@@ -43,7 +43,7 @@ Bytes pattern(uint16_t n) {
 }
 
 Bytes table_reply(const Bytes& req) {
-    return libdiag_sim::make_simulated_modem()->answer(0, req).responses.at(0).bytes;
+    return diag_modem::make_builtin_table()->answer(0, req).responses.at(0).bytes;
 }
 
 std::map<Bytes, Answer> answer(const Bytes& req, const Bytes& reply, std::chrono::milliseconds at) {

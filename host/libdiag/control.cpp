@@ -15,8 +15,10 @@
 //                             come from the local processor
 //   LIBDIAG_SIM_TRACE=1       print every libdiag call (and every port frame) to stderr
 // Read at every Diag_LSM_Init:
-//   LIBDIAG_PORT              a tty to talk to a real modem on, instead of the simulated one
-//   LIBDIAG_BAUD              its baud rate (default 115200)
+//   LIBDIAG_PORT              a modem's diag port instead of the simulated modem: a device
+//                             (/dev/ttyUSB0) or tcp:HOST:PORT
+//   LIBDIAG_FRAMING           hdlc (default) or nhdlc, how packets travel on that port
+//   LIBDIAG_BAUD              a device's baud rate (default 115200)
 // libdiag_sim::reset() goes back to the built-in defaults, not to these (tracing stays).
 #include <errno.h>
 #include <inttypes.h>
@@ -26,7 +28,9 @@
 
 #include <algorithm>
 
+#include "answers_file.h"
 #include "state.h"
+#include "text.h"
 
 namespace libdiag_sim {
 namespace {
@@ -39,7 +43,7 @@ long long env_number(const char* name, long long fallback, long long max) {
     const char* v = getenv(name);
     if (v == nullptr || *v == '\0') return fallback;
     long long n = 0;
-    if (!parse_number(v, &n) || n < 0 || n > max) {
+    if (!diag_wire::parse_number(v, &n) || n < 0 || n > max) {
         fprintf(stderr, "libdiag: ignoring %s=%s (want 0..%lld)\n", name, v, max);
         return fallback;
     }
@@ -49,6 +53,15 @@ long long env_number(const char* name, long long fallback, long long max) {
 const char* port_env() {
     const char* port = getenv("LIBDIAG_PORT");
     return port != nullptr && *port != '\0' ? port : nullptr;
+}
+
+diag_wire::FramingKind framing_env() {
+    diag_wire::FramingKind kind = diag_wire::FramingKind::kHdlc;
+    const char* v = getenv("LIBDIAG_FRAMING");
+    if (v != nullptr && *v != '\0' && !diag_wire::parse_framing(v, &kind)) {
+        fprintf(stderr, "libdiag: ignoring LIBDIAG_FRAMING=%s (want hdlc or nhdlc)\n", v);
+    }
+    return kind;
 }
 
 // Argument positions printed as addresses.
@@ -65,27 +78,34 @@ std::vector<size_t> pointer_args(const std::string& name) {
     return it == kPointers.end() ? std::vector<size_t>{} : it->second;
 }
 
-}  // namespace
-
-const std::string& Modem::path() const {
-    static const std::string* none = new std::string;
-    return *none;
+bool load_answers_file(const std::string& path, diag_modem::Overrides* answers) {
+    diag_modem::ParsedAnswers parsed = diag_modem::parse_answers_file(path);
+    for (auto& [prefix, answer] : diag_modem::overrides_of(parsed)) {
+        (*answers)[prefix] = std::move(answer);
+    }
+    for (const std::string& e : parsed.errors) fprintf(stderr, "libdiag: %s\n", e.c_str());
+    return parsed.errors.empty();
 }
+
+}  // namespace
 
 bool valid_proc(int proc) {
     return proc >= 0 && proc <= kMaxProc;
 }
 
 State::State()
-    : queue(mu, [this](Delivery& d) {
-          if (!wanted(d)) return false;
-          if (d.kind == Kind::kCallback) {
-              d.cb = callbacks[d.proc].cb;
-              d.ctx = callbacks[d.proc].ctx;
-          }
-          return true;
-      }) {
-    settings.delay = milliseconds(env_number("LIBDIAG_SIM_DELAY_MS", 0, kMaxAnswerDelay.count()));
+    : queue(mu,
+            [this](Delivery& d) {
+                if (!wanted(d)) return false;
+                if (d.kind == Kind::kCallback) {
+                    d.cb = callbacks[d.proc].cb;
+                    d.ctx = callbacks[d.proc].ctx;
+                }
+                return true;
+            }),
+      simulated(&queue, this) {
+    settings.delay =
+            milliseconds(env_number("LIBDIAG_SIM_DELAY_MS", 0, diag_modem::kMaxAnswerDelay.count()));
     settings.remote_mask = env_number("LIBDIAG_SIM_REMOTE_MASK", 0, 0xFFFF);
     settings.support_list = env_number("LIBDIAG_SIM_SUPPORT_LIST", 0x0002, 0xFFFF);
     settings.responders = env_number("LIBDIAG_SIM_RESPONDERS", 0, 0xFFFF);
@@ -94,16 +114,6 @@ State::State()
     }
     const char* trace = getenv("LIBDIAG_SIM_TRACE");
     trace_ = trace != nullptr && strcmp(trace, "1") == 0;
-    table = make_simulated_modem();
-    modem = make_table_modem();
-}
-
-Call State::begin(const char* name, std::vector<intptr_t> args) {
-    Call c;
-    c.name = name;
-    c.args = std::move(args);
-    c.at = Clock::now();
-    return c;
 }
 
 bool State::take_programmed(const std::string& name, Outcome* o) {
@@ -115,29 +125,69 @@ bool State::take_programmed(const std::string& name, Outcome* o) {
     return true;
 }
 
-long long State::finish(Call c, const Outcome& o, std::unique_lock<std::mutex>& lk) {
+void State::record(Call c, const Outcome& o) {
     c.result = o.result;
     if (trace_) fprintf(stderr, "libdiag: %s\n", c.str().c_str());
     if (journal.size() == kJournalMax) journal.pop_front();
     journal.push_back(std::move(c));
-    lk.unlock();
-    if (o.err != 0) errno = o.err;
-    return o.result;
+}
+
+bool State::port_named() const {
+    return port_env() != nullptr;
+}
+
+bool State::connect(Released* released) {
+    const char* address = port_env();
+    // A connection still open ends first: its port may be another one now.
+    if (on_port && port != nullptr) released->connection = port->disconnect();
+    on_port = false;
+    if (address == nullptr) {
+        connected = true;
+        return true;
+    }
+    diag_wire::FramingKind framing = framing_env();
+    if (port == nullptr || port->address() != address || port->framing() != framing) {
+        released->port = std::move(port);
+        port = std::make_unique<PortModem>(address, framing, this);
+    }
+    std::string error;
+    if (!port->connect(&error)) {
+        fprintf(stderr, "libdiag: cannot open diag port %s: %s\n", address, error.c_str());
+        return false;
+    }
+    connected = on_port = true;
+    return true;
+}
+
+void State::disconnect(Scope& scope) {
+    connected = false;
+    ++epoch;
+    callbacks = {};
+    queue.drop(0, scope.lock);
+    if (on_port && port != nullptr) scope.released.connection = port->disconnect();
+    on_port = false;
 }
 
 bool State::send(int proc, const Bytes& request, const Delivery& reply_to) {
-    if (const Answer* a = find_answer(settings.answers, request)) {
+    if (std::optional<Answer> a = diag_modem::find_override(settings.answers, request)) {
         schedule(*a, reply_to, Clock::now());
         return true;
     }
-    return modem->send(proc, request, reply_to);
+    if (on_port) return port->send(proc, request, reply_to);
+    return simulated.send(proc, request, reply_to);
+}
+
+void State::release_client(int id, std::unique_lock<std::mutex>& lk) {
+    clients.erase(id);
+    queue.drop(id, lk);
+    if (port != nullptr) port->orphan_client(id);
 }
 
 void State::schedule(const Answer& a, const Delivery& reply_to, Clock::time_point sent) {
-    Clock::time_point due = sent + std::min(settings.delay, kMaxAnswerDelay);
+    Clock::time_point due = sent + std::min(settings.delay, diag_modem::kMaxAnswerDelay);
     for (const Response& r : a.responses) {
         // each step is bounded, so a programmed day-long delay cannot overflow the clock
-        due += std::clamp(r.delay, milliseconds(0), kMaxAnswerDelay);
+        due += std::clamp(r.delay, milliseconds(0), diag_modem::kMaxAnswerDelay);
         Delivery d = reply_to;
         d.bytes = r.bytes;
         d.pieces = r.pieces;
@@ -177,37 +227,32 @@ bool State::wanted(const Delivery& d) const {
     return clients.count(d.client) != 0;
 }
 
-bool State::choose_modem(std::unique_ptr<Modem>* old) {
-    const char* port = port_env();
-    if (port == nullptr) {
-        if (modem->is_port()) {
-            *old = std::move(modem);
-            modem = make_table_modem();
-        }
-        return true;
-    }
-    if (modem->is_port() && modem->alive() && modem->path() == port) return true;
-    std::string error;
-    std::unique_ptr<Modem> opened = open_port_modem(port, &error);
-    *old = std::move(modem);
-    if (opened == nullptr) {
-        fprintf(stderr, "libdiag: cannot open diag port %s: %s\n", port, error.c_str());
-        modem = make_table_modem();
-        return false;
-    }
-    modem = std::move(opened);
-    ++port_stats.opens;
-    return true;
+void State::reply(Delivery to, Bytes bytes) {
+    std::lock_guard<std::mutex> lk(mu);
+    to.bytes = std::move(bytes);
+    queue.push(std::move(to), Clock::now());
 }
 
-void State::release_modem(std::unique_ptr<Modem>* old) {
-    if (!modem->is_port()) return;
-    *old = std::move(modem);
-    modem = make_table_modem();
+void State::answered(const Answer& answer, const Delivery& to, Clock::time_point sent) {
+    std::lock_guard<std::mutex> lk(mu);
+    schedule(answer, to, sent);
 }
 
-bool State::on_port() const {
-    return modem->is_port() || port_env() != nullptr;
+void State::unsolicited(Bytes packet) {
+    std::lock_guard<std::mutex> lk(mu);
+    diag_wire::Unwrapped u = diag_wire::unwrap(packet.data(), packet.size());
+    bool event = u.inner_len > 0 && u.inner[0] == diag_wire::kEventReport;
+    bool handled = false;
+    for (const auto& [id, client] : clients) {
+        handled = handled || (event ? client.event_fn : client.log_fn) != nullptr;
+    }
+    if (connected && handled) {
+        trace("port: unsolicited 0x%02x, %zu bytes, to the %s stream", packet[0], packet.size(),
+              event ? "event" : "log");
+        stream(packet, !event);
+    } else {
+        trace("port: unsolicited 0x%02x, %zu bytes, dropped", packet[0], packet.size());
+    }
 }
 
 void State::trace(const char* fmt, ...) {
@@ -220,16 +265,17 @@ void State::trace(const char* fmt, ...) {
     fprintf(stderr, "libdiag: %s\n", line);
 }
 
-void State::restore_defaults(std::unique_ptr<Modem>* old) {
+void State::restore_defaults(Released* released, std::unique_lock<std::mutex>& lk) {
+    queue.drop(0, lk);
     settings = Settings{};
     answers_broken = false;
-    table = make_simulated_modem();
-    release_modem(old);
-    pending.clear();
-    port_stats = PortStats{};
+    std::shared_ptr<AnswerTable> builtin = diag_modem::make_builtin_table();
+    simulated.set_table(builtin);
+    if (port != nullptr) released->connection = port->disconnect();
+    released->port = std::move(port);
     programmed.clear();
     journal.clear();
-    connected = false;
+    connected = on_port = false;
     ++epoch;
     next_client = 1;
     clients.clear();
@@ -272,10 +318,10 @@ std::string Call::str() const {
 
 void reset() {
     State& s = state();
-    std::unique_ptr<Modem> old;  // a port closes once the lock is released
+    Released released;  // a port closes once the lock is released
     std::unique_lock<std::mutex> lk(s.mu);
-    s.queue.drop(0, lk);
-    s.restore_defaults(&old);
+    s.restore_defaults(&released, lk);
+    lk.unlock();
 }
 
 std::vector<Call> journal() {
@@ -307,7 +353,7 @@ void set_answer(const Bytes& request_prefix, const Answer& answer) {
 }
 
 bool load_answers(const std::string& path) {
-    std::map<Bytes, Answer> answers;
+    diag_modem::Overrides answers;
     bool ok = load_answers_file(path, &answers);
     locked([&](State& s) {
         for (auto& [prefix, answer] : answers) s.settings.answers[prefix] = std::move(answer);
@@ -319,10 +365,10 @@ void clear_answers() {
     locked([](State& s) { s.settings.answers.clear(); });
 }
 
-void set_backend(std::unique_ptr<Backend> backend) {
-    std::shared_ptr<Backend> b = backend ? std::move(backend) : make_simulated_modem();
-    locked([&](State& s) { s.table.swap(b); });
-    // the old backend dies here, outside the lock, once no answer is using it
+void set_answer_table(std::unique_ptr<AnswerTable> table) {
+    std::shared_ptr<AnswerTable> t = table ? std::move(table) : diag_modem::make_builtin_table();
+    locked([&](State& s) { s.simulated.set_table(t); });
+    // the old table dies here, outside the lock, once no answer is using it
 }
 
 void set_answer_delay(milliseconds delay) {
@@ -364,11 +410,17 @@ int logging_mode() {
 }
 
 PortStats port_stats() {
-    return locked([](State& s) {
-        PortStats p = s.port_stats;
-        p.open = s.modem->is_port() && s.modem->alive();
-        return p;
-    });
+    return locked([](State& s) { return s.port != nullptr ? s.port->stats() : PortStats{}; });
+}
+
+std::string port_note() {
+    return locked([](State& s) { return s.port != nullptr ? s.port->note() : std::string(); });
 }
 
 }  // namespace libdiag_sim
+
+extern "C" size_t libdiag_sim_port_note(char* buf, size_t size) {
+    std::string note = libdiag_sim::port_note();
+    if (buf != nullptr && size > 0) snprintf(buf, size, "%s", note.c_str());
+    return note.size();
+}

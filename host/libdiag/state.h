@@ -1,7 +1,9 @@
-// The host libdiag's process-wide state, shared by the C entry points, the control API and the
-// modems behind them. Everything here is guarded by State::mu.
+// The host libdiag's process-wide state, behind the C entry points and the control API: the
+// connection, the DCI clients and callbacks, the journal, and the modems. Everything here is
+// guarded by State::mu; the layers below report to it through ModemSink.
 #pragma once
 
+#include <errno.h>
 #include <stdarg.h>
 
 #include <array>
@@ -9,11 +11,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 
 #include "delivery.h"
-#include "reply_match.h"
+#include "modem.h"
 #include "sim_internal.h"
 
 namespace libdiag_sim {
@@ -28,7 +29,7 @@ struct Settings {
     uint16_t remote_mask = 0;
     uint16_t support_list = 0x0002;
     uint16_t responders = 0;
-    std::map<Bytes, Answer> answers;
+    diag_modem::Overrides answers;
 };
 
 struct Programmed {
@@ -55,28 +56,24 @@ struct Outcome {
     int err = 0;
 };
 
-// A modem behind the libdiag front.
-class Modem {
-  public:
-    virtual ~Modem() = default;
-    // Hands |request| over and returns at once, with State::mu held. The reply, if any, comes
-    // later through the delivery queue as a copy of |reply_to| with the bytes filled in. False
-    // when the modem cannot take it.
-    virtual bool send(int proc, const Bytes& request, const Delivery& reply_to) = 0;
-    // A serial port: one processor, no logging modes.
-    virtual bool is_port() const = 0;
-    virtual bool alive() const { return true; }
-    virtual const std::string& path() const;
+// What a call lets go of, destroyed once the lock is released: closing a port joins its thread,
+// which may be waiting for the lock.
+struct Released {
+    PortModem::ConnectionPtr connection;
+    std::unique_ptr<PortModem> port;
 };
 
-// The answer table (State::table) on the delivery thread.
-std::unique_ptr<Modem> make_table_modem();
-// The diag port at |path|; nullptr with the reason in |*error|.
-std::unique_ptr<Modem> open_port_modem(const std::string& path, std::string* error);
+// One libdiag call under way, as its body sees it.
+struct Scope {
+    const Call& call;
+    Outcome& out;
+    Released& released;
+    std::unique_lock<std::mutex>& lock;  // on State::mu
+};
 
 bool valid_proc(int proc);
 
-class State {
+class State : public ModemSink {
   public:
     State();
 
@@ -85,53 +82,75 @@ class State {
     // A LIBDIAG_SIM_ANSWERS that cannot be read or has bad lines fails every Diag_LSM_Init: a run
     // on half an answers file would answer something else than the user meant.
     bool answers_broken = false;
-    std::shared_ptr<Backend> table;  // what the table modem answers from
-    std::unique_ptr<Modem> modem;    // chosen by Diag_LSM_Init
+    DeliveryQueue queue;
+    SimulatedModem simulated;
+    std::unique_ptr<PortModem> port;  // the port LIBDIAG_PORT named at the last Diag_LSM_Init
     std::map<std::string, Programmed> programmed;
     std::deque<Call> journal;  // the most recent kJournalMax calls
     bool connected = false;
-    uint64_t epoch = 0;  // bumped by DeInit and reset so that older deliveries are dropped
+    bool on_port = false;  // the connection goes to |port|
+    uint64_t epoch = 0;    // bumped by DeInit and reset so that older deliveries are dropped
     int next_client = 1;
     std::map<int, Client> clients;
     std::array<Registration, kMaxProc + 1> callbacks;
     int logging_mode = kNoMode;
-    DeliveryQueue queue;
-    reply_match::Pending<Delivery> pending;  // requests sent to the port
-    PortStats port_stats;
 
-    Call begin(const char* name, std::vector<intptr_t> args);
+    // Runs one libdiag call: journals it, and runs |body|(Scope&) under the lock unless a
+    // programmed result stands in for it.
+    template <typename Body>
+    long long call(const char* name, std::vector<intptr_t> args, const void* data, int len,
+                   Body&& body) {
+        Call c;
+        c.name = name;
+        c.args = std::move(args);
+        c.at = Clock::now();
+        if (data != nullptr && len > 0) {
+            const auto* p = static_cast<const uint8_t*>(data);
+            c.data.assign(p, p + len);
+        }
+        Released released;
+        Outcome o;
+        {
+            std::unique_lock<std::mutex> lk(mu);
+            Scope scope{c, o, released, lk};
+            if (!take_programmed(c.name, &o)) body(scope);
+            record(std::move(c), o);
+        }
+        released.connection.reset();  // closes the port: its thread may want the lock
+        released.port.reset();
+        // Last, so that nothing clobbers it.
+        if (o.err != 0) errno = o.err;
+        return o.result;
+    }
+
     // Consumes one programmed result of |name|, if any.
     bool take_programmed(const std::string& name, Outcome* o);
-    // Journals |c| and returns the outcome, setting errno last so nothing clobbers it.
-    long long finish(Call c, const Outcome& o, std::unique_lock<std::mutex>& lk);
 
+    // Connects to the port LIBDIAG_PORT names, or to the simulated modem.
+    bool connect(Released* released);
+    void disconnect(Scope& scope);
+    bool port_named() const;
     // Sends |request| to the override table or the modem; the reply goes where |reply_to| says.
     bool send(int proc, const Bytes& request, const Delivery& reply_to);
-    // Queues one delivery per response of |a|, each after the previous one, counted from |sent|.
-    void schedule(const Answer& a, const Delivery& reply_to, Clock::time_point sent);
-    // Queues |record| for the log (or event) stream handler of every DCI client.
-    void stream(const Bytes& record, bool log);
+    void release_client(int id, std::unique_lock<std::mutex>& lk);
     // Whether the recipient of |d| still waits.
     bool wanted(const Delivery& d) const;
+    // Queues |record| for the log (or event) stream handler of every DCI client.
+    void stream(const Bytes& record, bool log);
 
-    // Picks the modem for a new connection: the port named by LIBDIAG_PORT, else the table.
-    // A modem it replaces is handed back in |*old| to be destroyed once the lock is released.
-    bool choose_modem(std::unique_ptr<Modem>* old);
-    // The modem is no longer needed for now (a port is closed); destroy |*old| unlocked.
-    void release_modem(std::unique_ptr<Modem>* old);
-    bool on_port() const;
+    // Back to the built-in defaults.
+    void restore_defaults(Released* released, std::unique_lock<std::mutex>& lk);
 
-    // Events of the port modem, each taking the lock.
-    void port_frame(const uint8_t* frame, size_t n);
-    void port_dropped(const char* why);
-    void port_gone(const std::string& path, const std::string& why);
-    void port_stalled(const std::string& path, size_t bytes);
-
-    void trace(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-    // Back to the built-in defaults; a port modem is handed back in |*old|.
-    void restore_defaults(std::unique_ptr<Modem>* old);
+    // ModemSink
+    void reply(Delivery to, Bytes bytes) override;
+    void answered(const Answer& answer, const Delivery& to, Clock::time_point sent) override;
+    void unsolicited(Bytes packet) override;
+    __attribute__((format(printf, 2, 3))) void trace(const char* fmt, ...) override;
 
   private:
+    void record(Call c, const Outcome& o);
+    void schedule(const Answer& a, const Delivery& reply_to, Clock::time_point sent);
+
     bool trace_ = false;
 };
 
@@ -144,9 +163,5 @@ auto locked(F f) {
     std::lock_guard<std::mutex> lk(s.mu);
     return f(s);
 }
-
-// Answers files: the parser's helpers, and loading a file into an override table.
-bool parse_number(const std::string& text, long long* out);
-bool load_answers_file(const std::string& path, std::map<Bytes, Answer>* answers);
 
 }  // namespace libdiag_sim

@@ -1,6 +1,6 @@
 // tolven-diag-modem: a modem on a pseudo-terminal. Prints the pty's path, then answers diag
-// command packets in HDLC frames on it until interrupted, so that the serial diag path of the
-// host libdiag (LIBDIAG_PORT) can run without hardware.
+// command packets in HDLC (or non-HDLC) frames on it until interrupted, so that the serial diag
+// path of the host libdiag (LIBDIAG_PORT) can run without hardware.
 
 #include <errno.h>
 #include <getopt.h>
@@ -12,7 +12,9 @@
 
 #include <string>
 
+#include "answers_file.h"
 #include "pty_modem.h"
+#include "text.h"
 
 namespace {
 
@@ -29,8 +31,15 @@ const char kUsage[] =
         "      --answers FILE      answer overrides, one per line: REQUEST_HEX -> REPLY_HEX\n"
         "                          [@ MS] or REQUEST_HEX -> none (default: the file named\n"
         "                          by LIBDIAG_SIM_ANSWERS)\n"
+        "      --framing KIND      hdlc (default) or nhdlc: 7E 01 <u16 length> <packet> 7E,\n"
+        "                          without CRC or escapes\n"
         "      --log-every MS      send an unsolicited log packet every MS milliseconds\n"
         "      --event-every MS    send an unsolicited event report every MS milliseconds\n"
+        "      --logs-before-reply N\n"
+        "                          send N unsolicited log packets right before every reply\n"
+        "      --subscriptions LIST\n"
+        "                          wrap unsolicited packets for these subscriptions in turn\n"
+        "                          (98 01 00 00 <u32 subscription>), e.g. 0,1\n"
         "      --byte-gap US       write replies one byte at a time, US microseconds apart\n"
         "      --delay MS          wait MS milliseconds before every reply\n"
         "      --corrupt-every N   send every Nth reply after a copy of it with a bad CRC\n"
@@ -54,11 +63,22 @@ int usage_error(const std::string& message) {
 }
 
 bool parse_count(const char* text, long long max, long long* out) {
-    char* end = nullptr;
-    errno = 0;
-    long long v = strtoll(text, &end, 10);
-    if (end == text || *end != '\0' || errno != 0 || v < 0 || v > max) return false;
-    *out = v;
+    return diag_wire::parse_number(text, out) && *out >= 0 && *out <= max;
+}
+
+// "0,1,7": subscription numbers.
+bool parse_subscriptions(const std::string& text, std::vector<uint32_t>* out) {
+    size_t start = 0;
+    do {
+        size_t comma = text.find(',', start);
+        long long v = 0;
+        if (!diag_wire::parse_number(text.substr(start, comma - start), &v) || v < 0 ||
+            v > 0xFFFFFFFFLL) {
+            return false;
+        }
+        out->push_back(static_cast<uint32_t>(v));
+        start = comma == std::string::npos ? comma : comma + 1;
+    } while (start != std::string::npos);
     return true;
 }
 
@@ -69,21 +89,27 @@ int main(int argc, char** argv) {
         kAnswers = 256,
         kLogEvery,
         kEventEvery,
+        kLogsBeforeReply,
         kByteGap,
         kDelay,
         kCorruptEvery,
         kGarbage,
-        kLink
+        kLink,
+        kFraming,
+        kSubscriptions,
     };
     static const option kLong[] = {
             {"answers", required_argument, nullptr, kAnswers},
             {"log-every", required_argument, nullptr, kLogEvery},
             {"event-every", required_argument, nullptr, kEventEvery},
+            {"logs-before-reply", required_argument, nullptr, kLogsBeforeReply},
             {"byte-gap", required_argument, nullptr, kByteGap},
             {"delay", required_argument, nullptr, kDelay},
             {"corrupt-every", required_argument, nullptr, kCorruptEvery},
             {"garbage", no_argument, nullptr, kGarbage},
             {"link", required_argument, nullptr, kLink},
+            {"framing", required_argument, nullptr, kFraming},
+            {"subscriptions", required_argument, nullptr, kSubscriptions},
             {"help", no_argument, nullptr, 'h'},
             {nullptr, 0, nullptr, 0},
     };
@@ -110,6 +136,9 @@ int main(int argc, char** argv) {
             case kEventEvery:
                 options.event_every = std::chrono::milliseconds(v);
                 break;
+            case kLogsBeforeReply:
+                options.logs_before_reply = static_cast<int>(std::min<long long>(v, 1 << 20));
+                break;
             case kByteGap:
                 options.byte_gap = std::chrono::microseconds(v);
                 break;
@@ -125,6 +154,20 @@ int main(int argc, char** argv) {
             case kLink:
                 link = optarg;
                 break;
+            case kFraming:
+                if (!diag_wire::parse_framing(optarg, &options.framing)) {
+                    return usage_error(std::string("--framing: expected hdlc or nhdlc, not '") +
+                                       optarg + "'");
+                }
+                break;
+            case kSubscriptions:
+                options.subscriptions.clear();
+                if (!parse_subscriptions(optarg, &options.subscriptions)) {
+                    return usage_error(std::string("--subscriptions: expected numbers such as "
+                                                   "0,1, not '") +
+                                       optarg + "'");
+                }
+                break;
             case 'h':
                 fputs(kUsage, stdout);
                 return 0;
@@ -135,10 +178,10 @@ int main(int argc, char** argv) {
     if (optind < argc) return usage_error(std::string("unexpected argument ") + argv[optind]);
 
     if (!answers.empty()) {
-        libdiag_sim::ParsedAnswers parsed = libdiag_sim::parse_answers_file(answers);
+        diag_modem::ParsedAnswers parsed = diag_modem::parse_answers_file(answers);
         for (const std::string& e : parsed.errors) fprintf(stderr, "%s: %s\n", kProg, e.c_str());
         if (!parsed.errors.empty()) return 1;
-        options.answers = libdiag_sim::answers_of(parsed);
+        options.answers = diag_modem::overrides_of(parsed);
     }
 
     std::string error;

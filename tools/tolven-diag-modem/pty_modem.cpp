@@ -15,11 +15,13 @@
 #include <random>
 
 #include "hdlc.h"
+#include "nhdlc.h"
 
 namespace pty_modem {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using diag_wire::FramingKind;
 
 // Unsolicited frames wait behind at most this many queued ones; more are not made.
 constexpr size_t kMaxQueued = 256;
@@ -31,104 +33,128 @@ struct Chunk {
     bool reply = false;
 };
 
-void put_u16(Bytes& b, uint16_t v) {
-    b.push_back(v & 0xFF);
-    b.push_back(v >> 8);
-}
-
 }  // namespace
 
-struct Modem::Impl {
+struct Modem::Impl : diag_wire::FrameSink {
     int master = -1;
     int slave = -1;  // held open so that the master never sees a hang-up between clients
     int wake = -1;
     Options options;
-    std::unique_ptr<libdiag_sim::Backend> table = libdiag_sim::make_simulated_modem();
-    hdlc::Decoder decoder;
+    std::unique_ptr<diag_modem::AnswerTable> table = diag_modem::make_builtin_table();
+    std::unique_ptr<diag_wire::Framing> framing;
+    diag_modem::Traffic traffic;
     std::deque<Chunk> out;
     Clock::time_point last_reply_due;
     uint64_t reply_count = 0;
+    bool hung_up = false;
     std::minstd_rand noise{42};
     std::atomic<bool> stop{false};
     mutable std::mutex stats_mu;
     Stats stats;
 
-    Answer answer(const Bytes& req) {
-        const Answer* a = libdiag_sim::find_answer(options.answers, req);
-        return a != nullptr ? *a : table->answer(0, req);
+    void configure(Options o) {
+        options = std::move(o);
+        framing = diag_wire::open_framing(options.framing, this);
+        traffic = diag_modem::Traffic(options.subscriptions);
     }
 
-    void bad_frame(const Bytes& payload, Bytes* frame) {
-        hdlc::encode(payload.data(), payload.size(),
-                     static_cast<uint16_t>(hdlc::crc16(payload.data(), payload.size()) ^ 0x5A5A),
-                     frame);
+    Answer answer(const Bytes& req) {
+        std::optional<Answer> a = diag_modem::find_override(options.answers, req);
+        return a ? *a : table->answer(0, req);
+    }
+
+    Bytes frame(const Bytes& payload) {
+        Bytes f;
+        framing->encode(payload.data(), payload.size(), &f);
+        return f;
+    }
+
+    // A frame the peer must drop: a bad CRC, or no flag after the payload.
+    Bytes broken(const Bytes& payload) {
+        Bytes f;
+        if (options.framing == FramingKind::kHdlc) {
+            f.push_back(hdlc::kFlag);
+            hdlc::encode(payload.data(), payload.size(),
+                         static_cast<uint16_t>(hdlc::crc16(payload.data(), payload.size()) ^ 0x5A5A),
+                         &f);
+        } else {
+            f = frame(payload);
+            f.back() = 0x00;
+        }
+        return f;
+    }
+
+    Bytes noise_frame(size_t n) {
+        Bytes bytes(std::max<size_t>(n, 3));
+        for (uint8_t& b : bytes) b = static_cast<uint8_t>(noise());
+        if (options.framing == FramingKind::kHdlc) return broken(bytes);
+        // without a flag nothing of it is a frame
+        for (uint8_t& b : bytes) b = b == nhdlc::kFlag ? 0x00 : b;
+        return bytes;
+    }
+
+    void on_drop(const char*) override {
+        std::lock_guard<std::mutex> lk(stats_mu);
+        ++stats.bad_requests;
     }
 
     // Replies go out in order, each no earlier than the one before.
-    void on_request(const uint8_t* data, size_t n) {
+    void on_frame(const uint8_t* data, size_t n) override {
         {
             std::lock_guard<std::mutex> lk(stats_mu);
             ++stats.requests;
         }
         Clock::time_point now = Clock::now();
         Clock::time_point due = std::max(now + options.reply_delay, last_reply_due);
-        for (const libdiag_sim::Response& r : answer(Bytes(data, data + n)).responses) {
+        for (const diag_modem::Response& r : answer(Bytes(data, data + n)).responses) {
             due += r.delay;
+            for (int i = 0; i < options.logs_before_reply; ++i) {
+                queue_unsolicited(traffic.next_log(), due, true);
+            }
             Chunk c{due, {}, 0, true};
             if (options.garbage) {
-                Bytes noise(std::max<size_t>(r.bytes.size(), 3));
-                for (uint8_t& b : noise) b = static_cast<uint8_t>(this->noise());
-                bad_frame(noise, &c.bytes);
+                c.bytes = noise_frame(r.bytes.size());
             } else {
                 if (options.corrupt_every > 0 && ++reply_count % options.corrupt_every == 0) {
-                    bad_frame(r.bytes, &c.bytes);
+                    c.bytes = broken(r.bytes);
                 }
-                hdlc::encode(r.bytes.data(), r.bytes.size(), &c.bytes);
+                Bytes f = frame(r.bytes);
+                c.bytes.insert(c.bytes.end(), f.begin(), f.end());
             }
             out.push_back(std::move(c));
             last_reply_due = due;
         }
     }
 
-    // Between frames, ahead of replies that are not due yet.
-    void unsolicited(Bytes payload, Clock::time_point now) {
-        if (out.size() >= kMaxQueued) return;
-        Chunk c{now, {}, 0, false};
-        hdlc::encode(payload.data(), payload.size(), &c.bytes);
-        auto at = std::find_if(out.begin(), out.end(),
-                               [&](const Chunk& q) { return q.off == 0 && q.due > now; });
-        out.insert(at, std::move(c));
+    // Between frames: at the end for those before a reply, else ahead of replies not due yet.
+    void queue_unsolicited(const Bytes& payload, Clock::time_point due, bool before_reply) {
+        if (!before_reply && out.size() >= kMaxQueued) return;
+        Chunk c{due, frame(payload), 0, false};
+        if (before_reply) {
+            out.push_back(std::move(c));
+        } else {
+            auto at = std::find_if(out.begin(), out.end(),
+                                   [&](const Chunk& q) { return q.off == 0 && q.due > due; });
+            out.insert(at, std::move(c));
+        }
         std::lock_guard<std::mutex> lk(stats_mu);
         ++stats.unsolicited;
     }
 
-    Bytes log_packet(uint64_t seq) {
-        Bytes p{0x10, 0x00};
-        put_u16(p, 16);  // length, twice as the log header has it
-        put_u16(p, 16);
-        put_u16(p, 0x1234);  // log code
-        for (int i = 0; i < 8; ++i) p.push_back(static_cast<uint8_t>(seq >> (8 * i)));
-        p.insert(p.end(), {0x7E, 0x7D, 0x01, 0x02});  // bytes that need escaping
-        return p;
-    }
-
-    Bytes event_report(uint64_t seq) {
-        Bytes p{0x60};
-        put_u16(p, 6);
-        put_u16(p, 0x0102);  // event id
-        for (int i = 0; i < 4; ++i) p.push_back(static_cast<uint8_t>(seq >> (8 * i)));
-        return p;
-    }
-
-    // False when the pty failed.
+    // False when the pty failed or the modem hung up.
     bool write_due(Clock::time_point now) {
         while (!out.empty() && out.front().due <= now) {
             Chunk& c = out.front();
             bool one = c.reply && options.byte_gap.count() > 0;
             size_t len = one ? 1 : c.bytes.size() - c.off;
+            if (c.reply && options.hang_up_mid_reply) len = std::max<size_t>(c.bytes.size() / 2, 1);
             ssize_t n = ::write(master, c.bytes.data() + c.off, len);
             if (n < 0) return errno == EAGAIN || errno == EINTR;
             c.off += static_cast<size_t>(n);
+            if (c.reply && options.hang_up_mid_reply) {
+                hung_up = true;
+                return false;
+            }
             if (c.off < c.bytes.size()) {
                 if (one) c.due = now + options.byte_gap;
                 return true;
@@ -146,7 +172,6 @@ struct Modem::Impl {
         Clock::time_point start = Clock::now();
         Clock::time_point next_log = start + options.log_every;
         Clock::time_point next_event = start + options.event_every;
-        uint64_t seq = 0;
         std::vector<uint8_t> buf(16 * 1024);
         while (!stop.load(std::memory_order_relaxed)) {
             Clock::time_point now = Clock::now();
@@ -177,31 +202,26 @@ struct Modem::Impl {
             if (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) {
                 ssize_t n = read(master, buf.data(), buf.size());
                 if (n < 0 && errno != EAGAIN && errno != EINTR) return;
-                if (n > 0) {
-                    decoder.feed(
-                            buf.data(), static_cast<size_t>(n),
-                            [this](const uint8_t* f, size_t len) { on_request(f, len); },
-                            [this](hdlc::Event) {
-                                std::lock_guard<std::mutex> lk(stats_mu);
-                                ++stats.bad_requests;
-                            });
-                }
+                if (n > 0) framing->feed(buf.data(), static_cast<size_t>(n));
             }
             now = Clock::now();
             if (options.log_every.count() > 0 && now >= next_log) {
-                unsolicited(log_packet(++seq), now);
+                queue_unsolicited(traffic.next_log(), now, false);
                 next_log = now + options.log_every;
             }
             if (options.event_every.count() > 0 && now >= next_event) {
-                unsolicited(event_report(++seq), now);
+                queue_unsolicited(traffic.next_event(), now, false);
                 next_event = now + options.event_every;
             }
-            if (!write_due(now)) return;
+            if (!write_due(now)) {
+                if (hung_up) close_fds();
+                return;
+            }
         }
     }
 
     void close_fds() {
-        for (int* fd : {&master, &slave, &wake}) {
+        for (int* fd : {&master, &slave}) {
             if (*fd >= 0) close(*fd);
             *fd = -1;
         }
@@ -239,7 +259,7 @@ Modem::Modem(std::string path, int master, int slave, int wake, Options options)
     impl_->master = master;
     impl_->slave = slave;
     impl_->wake = wake;
-    impl_->options = std::move(options);
+    impl_->configure(std::move(options));
 }
 
 Modem::~Modem() {
@@ -265,6 +285,8 @@ void Modem::close_pty() {
     if (impl_->wake >= 0) stop();
     if (thread_.joinable()) thread_.join();
     impl_->close_fds();
+    if (impl_->wake >= 0) close(impl_->wake);
+    impl_->wake = -1;
 }
 
 Stats Modem::stats() const {

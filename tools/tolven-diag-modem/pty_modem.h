@@ -1,5 +1,6 @@
-// A modem on a pseudo-terminal: serves the simulated modem's answers in HDLC frames on the pty,
-// as a USB modem module does on its diag port, with the misbehaviour of real ones on demand.
+// A modem on a pseudo-terminal: serves the built-in answer table in HDLC (or non-HDLC) frames on
+// the pty, as a USB modem module does on its diag port, with the misbehaviour and the unsolicited
+// traffic of real ones on demand.
 #pragma once
 
 #include <stdint.h>
@@ -12,21 +13,29 @@
 #include <string>
 #include <thread>
 
-#include "libdiag_sim.h"
+#include <vector>
+
+#include "answer_table.h"
+#include "framing.h"
 
 namespace pty_modem {
 
-using libdiag_sim::Answer;
-using libdiag_sim::Bytes;
+using diag_modem::Answer;
+using diag_wire::Bytes;
 
 struct Options {
+    diag_wire::FramingKind framing = diag_wire::FramingKind::kHdlc;
     std::chrono::milliseconds log_every{0};    // an unsolicited log packet this often; 0: none
     std::chrono::milliseconds event_every{0};  // an unsolicited event report this often; 0: none
+    int logs_before_reply = 0;                 // unsolicited log packets right before every reply
+    // Unsolicited packets go out wrapped for these subscriptions in turn; empty: plain.
+    std::vector<uint32_t> subscriptions;
     std::chrono::microseconds byte_gap{0};     // replies go out one byte at a time, this apart
     std::chrono::milliseconds reply_delay{0};  // before every reply
-    int corrupt_every = 0;  // every Nth reply comes after a copy of it with a bad CRC; 0: never
-    bool garbage = false;   // replies are noise that never decodes
-    std::map<Bytes, Answer> answers;  // overrides of the answer table, longest prefix wins
+    int corrupt_every = 0;           // every Nth reply comes after a broken copy of it; 0: never
+    bool garbage = false;            // replies are noise that never decodes
+    bool hang_up_mid_reply = false;  // the first reply stops halfway and the pty closes
+    diag_modem::Overrides answers;   // in front of the answer table, longest prefix wins
 };
 
 struct Stats {

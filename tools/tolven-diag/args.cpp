@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "text.h"
+
 namespace tolven_diag_tool {
 namespace {
 
@@ -114,86 +116,22 @@ const char kUsage[] =
         "Exit status: 0 success; 1 the send was refused, failed or timed out, or a\n"
         "property, the output or the offline-log directories failed; 2 bad usage.\n";
 
-int hex_value(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-bool is_blank(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
-}
-
-bool is_separator(char c) {
-    return is_blank(c) || c == ':' || c == ',';
-}
-
 // Appends the bytes of one argument; groups are separated by blanks, ':' or ','.
 bool parse_hex_arg(const std::string& arg, std::vector<uint8_t>* out, std::string* error) {
-    size_t i = 0;
-    while (i < arg.size()) {
-        if (is_separator(arg[i])) {
-            ++i;
-            continue;
-        }
-        size_t start = i;
-        while (i < arg.size() && !is_separator(arg[i])) ++i;
-        std::string group = arg.substr(start, i - start);
-        size_t skip = group.size() >= 2 && group[0] == '0' && (group[1] == 'x' || group[1] == 'X')
-                              ? 2
-                              : 0;
-        std::string digits = group.substr(skip);
-        std::string why;
-        auto bad =
-                std::find_if(digits.begin(), digits.end(), [](char c) { return hex_value(c) < 0; });
-        if (digits.empty()) {
-            why = "no digits after " + group;
-        } else if (bad != digits.end()) {
-            why = "'" + printable(std::string(1, *bad)) + "' is not a hex digit";
-        } else if (digits.size() > 1 && digits.size() % 2 != 0) {
-            why = "odd number of digits";
-        }
-        if (!why.empty()) {
-            *error = "bad hex '" + printable(group) + "' in the packet: " + why;
-            return false;
-        }
-        if (digits.size() == 1) {
-            out->push_back(static_cast<uint8_t>(hex_value(digits[0])));
-            continue;
-        }
-        for (size_t d = 0; d < digits.size(); d += 2) {
-            out->push_back(
-                    static_cast<uint8_t>(hex_value(digits[d]) * 16 + hex_value(digits[d + 1])));
-        }
-    }
-    return true;
+    std::string group, why;
+    if (diag_wire::parse_hex(arg, out, &group, &why)) return true;
+    *error = "bad hex '" + printable(group) + "' in the packet: " + why;
+    return false;
 }
 
-// Decimal or 0x hex, with an optional '-'. Values far beyond any range saturate.
+// Decimal or 0x hex, with an optional '-', within |min|..|max|.
 bool parse_number(const std::string& name, const std::string& text, long long min, long long max,
                   long long* out, std::string* error) {
-    size_t i = 0;
-    bool negative = !text.empty() && text[0] == '-';
-    if (negative) ++i;
-    int base = 10;
-    if (text.size() > i + 1 && text[i] == '0' && (text[i + 1] == 'x' || text[i + 1] == 'X')) {
-        base = 16;
-        i += 2;
-    }
-    constexpr long long kSaturate = 1LL << 40;
     long long value = 0;
-    bool ok = i < text.size();
-    for (; ok && i < text.size(); ++i) {
-        int d = hex_value(text[i]);
-        ok = d >= 0 && d < base;
-        value = std::min(value * base + d, kSaturate);
-    }
-    if (!ok) {
+    if (!diag_wire::parse_number(text, &value)) {
         *error = name + ": '" + printable(text) + "' is not a number (decimal, or hex with 0x)";
         return false;
     }
-    if (negative) value = -value;
     if (value < min || value > max) {
         *error = name + ": " + printable(text) + " is out of range (" + std::to_string(min) +
                  " to " + std::to_string(max) + ")";
@@ -487,20 +425,6 @@ const char* mode_name(Mode mode) {
 
 const char* usage_text() {
     return kUsage;
-}
-
-std::string printable(const std::string& text) {
-    std::string out;
-    for (unsigned char c : text) {
-        if (c >= 0x20 && c < 0x7F) {
-            out += static_cast<char>(c);
-        } else {
-            char esc[5];
-            snprintf(esc, sizeof esc, "\\x%02X", c);
-            out += esc;
-        }
-    }
-    return out;
 }
 
 }  // namespace tolven_diag_tool

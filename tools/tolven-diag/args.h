@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "text.h"
+
 namespace tolven_diag_tool {
 
 constexpr int kExitOk = 0;
@@ -75,7 +77,6 @@ const char* mode_name(Mode mode);
 // The full --help text.
 const char* usage_text();
 
-// |text| with control and non-ASCII bytes written as \xNN, for messages of one line.
-std::string printable(const std::string& text);
+using diag_wire::printable;
 
 }  // namespace tolven_diag_tool

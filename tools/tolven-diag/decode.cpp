@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "args.h"
+#include "wire.h"
 
 namespace tolven_diag_tool {
 namespace {
@@ -150,26 +151,6 @@ void subsystem(Reader& r, size_t len) {
     }
 }
 
-const char* error_name(uint8_t code) {
-    switch (code) {
-        case 0x13:
-            return "bad command";
-        case 0x14:
-            return "bad parameters";
-        case 0x15:
-            return "bad length";
-        case 0x16:
-            return "bad device";
-        case 0x18:
-            return "bad mode";
-        case 0x42:
-            return "bad SPC mode";
-        case 0x47:
-            return "bad security mode";
-    }
-    return nullptr;
-}
-
 }  // namespace
 
 bool decode_reply(const std::vector<uint8_t>& request, const uint8_t* reply, size_t len,
@@ -178,7 +159,7 @@ bool decode_reply(const std::vector<uint8_t>& request, const uint8_t* reply, siz
     if (len == 0) return false;
     Reader r(reply, len, out);
     const uint8_t code = reply[0];
-    if (const char* name = error_name(code)) {
+    if (const char* name = diag_wire::error_name(code)) {
         out->kind = "error reply";
         r.add("error", format("0x%02llX ", code) + name, true, code);
         const uint8_t* echo = reply + 1;

@@ -10,9 +10,14 @@
 #include <string>
 #include <vector>
 
+#include "answer_table.h"
+
 namespace libdiag_sim {
 
-using Bytes = std::vector<uint8_t>;
+using diag_modem::Answer;
+using diag_modem::AnswerTable;
+using diag_modem::Response;
+using diag_wire::Bytes;
 
 // Success code of every DCI call; the failure codes are the simulator's own.
 constexpr int kDciOk = 1001;
@@ -20,33 +25,10 @@ constexpr int kDciFailure = 1002;        // generic refusal
 constexpr int kDciNoConnection = 1003;   // no Diag_LSM_Init before the call
 constexpr int kDciUnknownClient = 1004;  // client id not registered (or released twice)
 
-// One response from a processor: the whole reply, cut into pieces of at most 4096 bytes on
-// the DCI path unless |pieces| gives the cut explicitly.
-struct Response {
-    int proc = 0;             // 0 local modem; 1..16 remote processors (callback mode only)
-    Bytes bytes;              // the whole reply
-    std::vector<int> pieces;  // DCI piece sizes, summing to bytes.size(); empty: 4096 rule
-    std::chrono::milliseconds delay{0};  // after the request (or after the previous response)
-};
-
-// What the modem does with one request. No responses: the request is never answered.
-struct Answer {
-    std::vector<Response> responses;
-};
-
-// Replaceable answer table behind the libdiag front (when no LIBDIAG_PORT is set). answer() runs
-// on the library's delivery thread, after the send that asked has returned.
-class Backend {
-  public:
-    virtual ~Backend() = default;
-    virtual Answer answer(int proc, const Bytes& request) = 0;
-};
-
-// The built-in answer table (version info, build id, diag version, event report, subsystem
-// dispatch, error replies).
-std::unique_ptr<Backend> make_simulated_modem();
-// Installs |backend| for all later requests; nullptr restores the simulated modem.
-void set_backend(std::unique_ptr<Backend> backend);
+// Installs |table| for all later requests to the simulated modem; nullptr restores the
+// built-in one. Its answer() runs on the library's delivery thread, after the send that asked
+// has returned.
+void set_answer_table(std::unique_ptr<AnswerTable> table);
 
 // One libdiag call as it arrived. |args| holds the integer arguments in order; a pointer
 // argument is recorded as the value it pointed at on entry (for client ids, masks, signal
@@ -74,40 +56,13 @@ void clear_journal();
 void program_result(const std::string& call, long long result, int times = 1, int err = 0);
 
 // Answers for requests that start with |request_prefix| (longest prefix wins) replace the
-// backend's. An Answer without responses makes such requests go unanswered.
+// table's; a request wrapped for a subscription also takes the answer of the packet inside,
+// wrapped the same way. An Answer without responses makes such requests go unanswered.
 void set_answer(const Bytes& request_prefix, const Answer& answer);
 void clear_answers();
-// Adds the overrides of a text file, one per line: "REQUEST_HEX_PREFIX -> REPLY_HEX" or
-// "REQUEST_HEX_PREFIX -> none", optionally followed by "@ DELAY_MS"; '#' starts a comment. False
-// when the file cannot be read or a line is malformed (the good lines still count; each bad one
-// is reported on stderr).
+// Adds the overrides of an answers file (answers_file.h). False when the file cannot be read or
+// a line is malformed (the good lines still count; each bad one is reported on stderr).
 bool load_answers(const std::string& path);
-
-// The longest delay an answers line may ask for; longer delays anywhere are cut to it.
-constexpr std::chrono::milliseconds kMaxAnswerDelay = std::chrono::hours(24);
-
-// One accepted line of an answers file.
-struct AnswerLine {
-    int line = 0;  // 1-based
-    Bytes request_prefix;
-    bool silent = false;  // "-> none"
-    Bytes reply;          // empty when silent
-    std::chrono::milliseconds delay{0};
-};
-struct ParsedAnswers {
-    std::vector<AnswerLine> lines;    // in file order
-    std::vector<std::string> errors;  // one per refused line: "NAME:LINE: what is wrong"
-};
-// Parses the text of an answers file; |name| prefixes the error messages. Every line that is
-// neither blank nor a comment ends up in exactly one of the two lists.
-ParsedAnswers parse_answers(const std::string& text, const std::string& name);
-// Reads and parses the answers file at |path|; a file that cannot be read is one error,
-// "cannot read PATH: why".
-ParsedAnswers parse_answers_file(const std::string& path);
-// The overrides |parsed| makes: a later line replaces an earlier one of the same prefix.
-std::map<Bytes, Answer> answers_of(const ParsedAnswers& parsed);
-// The answer whose request prefix is the longest one that |request| starts with, or null.
-const Answer* find_answer(const std::map<Bytes, Answer>& answers, const Bytes& request);
 
 // Delay before the first response of every answer, on top of each Response's own delay.
 void set_answer_delay(std::chrono::milliseconds delay);
@@ -138,8 +93,14 @@ struct PortStats {
     uint64_t dropped = 0;      // bad CRC, escape before the flag, too short or too long
     uint64_t stalls = 0;       // writes that the port did not take in time
     uint64_t vanished = 0;     // the port went away (unplugged, pseudo-terminal closed)
+    uint64_t lock_waits = 0;   // opens that found the port locked by another process
+    uint64_t foreign = 0;      // frames of the other framing (non-HDLC ones at HDLC)
 };
 PortStats port_stats();
+// What the last connection to the port that left requests unanswered found out: the port was
+// busy, the modem seems to speak the other framing, or other processes have the port open.
+// Empty when it found nothing (or no port is in use).
+std::string port_note();
 
 // Whether Diag_LSM_Init has connected the simulator (and no Diag_LSM_DeInit since).
 bool connected();
@@ -147,3 +108,7 @@ bool connected();
 int logging_mode();
 
 }  // namespace libdiag_sim
+
+// port_note() for programs that look libdiag up at run time (dlsym): copies it, cut to |size|
+// bytes with its terminator, and returns its whole length.
+extern "C" size_t libdiag_sim_port_note(char* buf, size_t size);

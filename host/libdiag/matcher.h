@@ -1,6 +1,7 @@
 // Which frame from a diag port answers which request. The modem answers in order, but it also
-// sends log packets, event reports and messages of its own at any time, and a caller that gave
-// up leaves its answer to come later; neither may complete another request.
+// sends log packets, event reports and messages of its own at any time, wrapped for a
+// subscription or not, and a caller that gave up leaves its answer to come later; none of these
+// may complete another request.
 #pragma once
 
 #include <stddef.h>
@@ -11,20 +12,18 @@
 #include <utility>
 #include <vector>
 
-namespace reply_match {
+#include "wire.h"
 
-using Bytes = std::vector<uint8_t>;
+namespace matcher {
+
+using diag_wire::Bytes;
 using Clock = std::chrono::steady_clock;
 
-constexpr uint8_t kSubsystem = 0x4B;
-constexpr uint8_t kEventReport = 0x60;
-
-// Log packets, event reports with data and messages: never an answer.
-bool is_unsolicited(const uint8_t* frame, size_t n);
-// An error reply code (bad command, parameters, length, device, mode, SPC mode, security mode).
-bool is_error_code(uint8_t code);
 // Whether |frame| answers |request|: the same command (for subsystem commands also the same
-// subsystem and subsystem command), or an error reply that echoes the request.
+// subsystem and subsystem command), or an error reply that echoes the request. A request
+// wrapped for a subscription is answered only by a frame wrapped for the same one whose packet
+// answers the packet inside, or by an error reply that echoes the whole wrapped request; a plain
+// request never by a wrapped frame.
 bool answers(const Bytes& request, const uint8_t* frame, size_t n);
 
 enum class Outcome {
@@ -33,7 +32,8 @@ enum class Outcome {
     kUnsolicited,  // answers nothing
 };
 
-// Requests sent and not answered yet, oldest first, each with where its reply goes (|T|).
+// Requests sent and not answered yet, oldest first, each with where its reply goes (|T|) and
+// whether its caller still waits.
 template <typename T>
 class Pending {
   public:
@@ -44,22 +44,34 @@ class Pending {
 
     void add(Bytes request, T to, Clock::time_point now) {
         if (q_.size() == kMax) q_.pop_front();
-        q_.push_back(Entry{std::move(request), std::move(to), now, false});
+        q_.push_back(Entry{std::move(request), std::move(to), now, true, false});
     }
     void pop_newest() {
         if (!q_.empty()) q_.pop_back();
     }
     void clear() { q_.clear(); }
     size_t size() const { return q_.size(); }
+    // Requests whose caller still waits.
+    size_t waiting() const {
+        size_t n = 0;
+        for (const Entry& e : q_) n += e.live;
+        return n;
+    }
 
-    // Finds what |frame| is. |alive|(const T&) tells whether a request's caller still waits;
-    // on kReply the request is taken off and |*to| says where the reply goes.
-    template <typename Alive>
-    Outcome match(const uint8_t* frame, size_t n, Alive&& alive, Clock::time_point now, T* to) {
-        if (is_unsolicited(frame, n)) return Outcome::kUnsolicited;
+    // The callers of the requests |gone|(const T&) picks have given up.
+    template <typename Gone>
+    void orphan(Gone&& gone) {
+        for (Entry& e : q_) {
+            if (e.live && gone(e.to)) e.live = false;
+        }
+    }
+
+    // Finds what |frame| is; on kReply the request is taken off and |*to| says where the reply
+    // goes.
+    Outcome match(const uint8_t* frame, size_t n, Clock::time_point now, T* to) {
+        if (diag_wire::is_unsolicited(frame, n)) return Outcome::kUnsolicited;
         for (auto it = q_.begin(); it != q_.end();) {
-            bool live = alive(it->to);
-            if (!live && now - it->sent > kOrphanLifetime) {
+            if (!it->live && now - it->sent > kOrphanLifetime) {
                 it = q_.erase(it);
                 continue;
             }
@@ -67,7 +79,7 @@ class Pending {
                 ++it;
                 continue;
             }
-            if (live) {
+            if (it->live) {
                 *to = std::move(it->to);
                 q_.erase(it);
                 return Outcome::kReply;
@@ -94,9 +106,10 @@ class Pending {
         Bytes request;
         T to;
         Clock::time_point sent;
+        bool live;
         bool maybe_answered;
     };
     std::deque<Entry> q_;
 };
 
-}  // namespace reply_match
+}  // namespace matcher

@@ -1,18 +1,15 @@
-// The simulated modem: a fixed answer table for the commands the host tools and tests use, and
-// the modem that serves an answer table behind the libdiag front. Replies start with the
-// request's command code; multi-byte fields are little-endian.
+// The built-in answer table. Replies start with the request's command code; multi-byte fields are
+// little-endian.
+#include "answer_table.h"
+
 #include <string.h>
 
 #include <algorithm>
 
-#include "state.h"
-
-namespace libdiag_sim {
+namespace diag_modem {
 namespace {
 
-constexpr uint8_t kBadCommand = 0x13;
-constexpr uint8_t kBadParams = 0x14;
-constexpr uint8_t kBadLength = 0x15;
+using namespace diag_wire;
 
 constexpr size_t kMaxReply = 16384;
 constexpr size_t kSubsysHeader = 4;  // 4B, subsystem id, command (u16)
@@ -28,16 +25,6 @@ constexpr uint16_t kThermalRead = 0x0001;
 constexpr uint8_t kSubsysRadio = 0x35;
 constexpr uint16_t kRadioLinkState = 0x0004;
 
-void put_u16(Bytes& b, uint16_t v) {
-    b.push_back(v & 0xFF);
-    b.push_back(v >> 8);
-}
-
-void put_u32(Bytes& b, uint32_t v) {
-    put_u16(b, v & 0xFFFF);
-    put_u16(b, v >> 16);
-}
-
 // Fixed-width text field, NUL padded, not NUL terminated when full.
 void put_text(Bytes& b, const char* s, size_t width) {
     size_t n = std::min(strlen(s), width);
@@ -47,13 +34,6 @@ void put_text(Bytes& b, const char* s, size_t width) {
 
 void put_cstr(Bytes& b, const char* s) {
     b.insert(b.end(), s, s + strlen(s) + 1);
-}
-
-Bytes error_reply(uint8_t code, const Bytes& req) {
-    Bytes r(req.size() + 1);
-    r[0] = code;
-    std::copy(req.begin(), req.end(), r.begin() + 1);
-    return r;
 }
 
 Bytes version_info(const Bytes& req) {
@@ -101,13 +81,12 @@ Bytes event_report(const Bytes& req) {
 Bytes subsystem(const Bytes& req) {
     if (req.size() < kSubsysHeader) return error_reply(kBadLength, req);
     uint8_t id = req[1];
-    uint16_t cmd = req[2] | (req[3] << 8);
+    uint16_t cmd = get_u16(&req[2]);
+    if (id == kSubsysTest && cmd == kTestEcho) return req;  // header and payload as they came
     Bytes r(req.begin(), req.begin() + kSubsysHeader);
-    if (id == kSubsysTest && cmd == kTestEcho) {
-        r.insert(r.end(), req.begin() + kSubsysHeader, req.end());
-    } else if (id == kSubsysTest && cmd == kTestPattern) {
+    if (id == kSubsysTest && cmd == kTestPattern) {
         if (req.size() != kSubsysHeader + 2) return error_reply(kBadLength, req);
-        size_t n = std::min<size_t>(req[4] | (req[5] << 8), kMaxReply - kSubsysHeader);
+        size_t n = std::min<size_t>(get_u16(&req[4]), kMaxReply - kSubsysHeader);
         for (size_t i = 0; i < n; ++i) r.push_back(i & 0xFF);
     } else if (id == kSubsysThermal && cmd == kThermalRead) {
         if (req.size() != kSubsysHeader) return error_reply(kBadLength, req);
@@ -133,54 +112,88 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
-        {0x00, version_info}, {0x1C, diag_version}, {0x4B, subsystem},
-        {0x60, event_report}, {0x7C, build_id},
+        {0x00, version_info},         {0x1C, diag_version}, {kSubsystem, subsystem},
+        {kEventReport, event_report}, {0x7C, build_id},
 };
 
-class SimulatedModem : public Backend {
+Bytes plain_reply(const Bytes& req) {
+    if (req.empty()) return Bytes{kBadCommand};
+    for (const Command& c : kCommands) {
+        if (c.code == req[0]) return c.handle(req);
+    }
+    return error_reply(kBadCommand, req);
+}
+
+class BuiltinTable : public AnswerTable {
   public:
     Answer answer(int proc, const Bytes& request) override {
         Response r;
         r.proc = proc;
-        r.bytes = reply(request);
+        Unwrapped u = unwrap(request.data(), request.size());
+        if (!u.wrapped) {
+            r.bytes = plain_reply(request);
+        } else if (u.inner_len == 0) {
+            r.bytes = error_reply(kBadLength, request);  // a wrapper around nothing
+        } else {
+            r.bytes = wrap(u.subscription, plain_reply(Bytes(u.inner, u.inner + u.inner_len)));
+        }
         return Answer{{std::move(r)}};
     }
+};
 
-  private:
-    static Bytes reply(const Bytes& req) {
-        if (req.empty()) return Bytes{kBadCommand};
-        for (const Command& c : kCommands) {
-            if (c.code == req[0]) return c.handle(req);
+const Answer* longest_prefix(const Overrides& overrides, const uint8_t* request, size_t n) {
+    const Answer* best = nullptr;
+    size_t best_len = 0;
+    for (const auto& [prefix, answer] : overrides) {
+        if (prefix.size() <= n && (best == nullptr || prefix.size() > best_len) &&
+            std::equal(prefix.begin(), prefix.end(), request)) {
+            best = &answer;
+            best_len = prefix.size();
         }
-        return error_reply(kBadCommand, req);
     }
-};
-
-// Answers on the delivery thread, so that a slow table holds up deliveries, not the sender.
-class TableModem : public Modem {
-  public:
-    bool send(int proc, const Bytes& request, const Delivery& reply_to) override {
-        State& s = state();
-        Clock::time_point sent = Clock::now();
-        Delivery work = reply_to;
-        work.task = [table = s.table, proc, request, reply_to, sent] {
-            Answer a = table->answer(proc, request);
-            locked([&](State& st) { st.schedule(a, reply_to, sent); });
-        };
-        s.queue.push(std::move(work), sent);
-        return true;
-    }
-    bool is_port() const override { return false; }
-};
+    return best;
+}
 
 }  // namespace
 
-std::unique_ptr<Backend> make_simulated_modem() {
-    return std::make_unique<SimulatedModem>();
+std::unique_ptr<AnswerTable> make_builtin_table() {
+    return std::make_unique<BuiltinTable>();
 }
 
-std::unique_ptr<Modem> make_table_modem() {
-    return std::make_unique<TableModem>();
+std::optional<Answer> find_override(const Overrides& overrides, const Bytes& request) {
+    if (const Answer* a = longest_prefix(overrides, request.data(), request.size())) return *a;
+    Unwrapped u = unwrap(request.data(), request.size());
+    if (!u.wrapped || u.inner_len == 0) return std::nullopt;
+    const Answer* inner = longest_prefix(overrides, u.inner, u.inner_len);
+    if (inner == nullptr) return std::nullopt;
+    Answer a = *inner;
+    for (Response& r : a.responses) r.bytes = wrap(u.subscription, r.bytes);
+    return a;
 }
 
-}  // namespace libdiag_sim
+Bytes Traffic::wrapped(Bytes packet) {
+    if (subscriptions_.empty()) return packet;
+    return wrap(subscriptions_[seq_ % subscriptions_.size()], packet);
+}
+
+Bytes Traffic::next_log() {
+    ++seq_;
+    Bytes p{kLogPacket, 0x00};
+    put_u16(p, 16);  // length, twice as the log header has it
+    put_u16(p, 16);
+    put_u16(p, 0x1234);  // log code
+    for (int i = 0; i < 8; ++i) p.push_back(static_cast<uint8_t>(seq_ >> (8 * i)));
+    p.insert(p.end(), {0x7E, 0x7D, 0x01, 0x02});  // bytes that need escaping
+    return wrapped(std::move(p));
+}
+
+Bytes Traffic::next_event() {
+    ++seq_;
+    Bytes p{kEventReport};
+    put_u16(p, 6);
+    put_u16(p, 0x0102);  // event id
+    for (int i = 0; i < 4; ++i) p.push_back(static_cast<uint8_t>(seq_ >> (8 * i)));
+    return wrapped(std::move(p));
+}
+
+}  // namespace diag_modem

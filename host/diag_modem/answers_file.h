@@ -1,0 +1,35 @@
+// Answers files: one override a line, "REQUEST_HEX -> REPLY_HEX [@ DELAY_MS]" or
+// "REQUEST_HEX -> none" (never answered); '#' starts a comment.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "answer_table.h"
+
+namespace diag_modem {
+
+// One accepted line of an answers file.
+struct AnswerLine {
+    int line = 0;  // 1-based
+    Bytes request_prefix;
+    bool silent = false;  // "-> none"
+    Bytes reply;          // empty when silent
+    std::chrono::milliseconds delay{0};
+};
+
+struct ParsedAnswers {
+    std::vector<AnswerLine> lines;    // in file order
+    std::vector<std::string> errors;  // one per refused line: "NAME:LINE: what is wrong"
+};
+
+// Parses the text of an answers file; |name| prefixes the error messages. Every line that is
+// neither blank nor a comment ends up in exactly one of the two lists.
+ParsedAnswers parse_answers(const std::string& text, const std::string& name);
+// Reads and parses the answers file at |path|; a file that cannot be read is one error,
+// "cannot read PATH: why".
+ParsedAnswers parse_answers_file(const std::string& path);
+// The overrides |parsed| makes: a later line replaces an earlier one of the same prefix.
+Overrides overrides_of(const ParsedAnswers& parsed);
+
+}  // namespace diag_modem

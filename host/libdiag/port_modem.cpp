@@ -1,0 +1,225 @@
+// A modem on a diag port: the link hands bytes to the framing the port was opened with, the
+// framing hands frames to the matcher, and the matcher hands replies to the modem's sink.
+#include <stdio.h>
+
+#include "modem.h"
+
+namespace libdiag_sim {
+
+using diag_wire::FramingKind;
+
+// One opening of the port: its link and the framing that decodes what the link reads. Its I/O
+// thread calls in here; the port outlives it.
+class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink {
+  public:
+    Connection(PortModem* port) : port_(port), framing_(open_framing(port->framing_, this)) {}
+
+    ~Connection() {
+        if (link_ == nullptr) return;  // never opened
+        std::string waited_for = link_->waiting_for();
+        link_.reset();  // joins the I/O thread: the counts below are final
+        if (unanswered_) port_->closed(explain(waited_for, framing_->counts()));
+    }
+
+    bool open(std::string* error) {
+        link_ = open_link(port_->address_, this, error);
+        return link_ != nullptr;
+    }
+
+    Link& link() { return *link_; }
+    void set_unanswered() { unanswered_ = true; }
+
+    void on_bytes(const uint8_t* data, size_t n) override {
+        framing_->feed(data, n);
+        uint64_t foreign = framing_->counts().foreign;
+        if (foreign != foreign_seen_) {
+            port_->add_foreign(foreign - foreign_seen_);
+            foreign_seen_ = foreign;
+        }
+    }
+    void on_ready() override { port_->on_ready(); }
+    void on_gone(const std::string& why) override { port_->on_gone(why); }
+    void on_stalled(size_t bytes) override { port_->on_stalled(bytes); }
+    void on_frame(const uint8_t* frame, size_t n) override { port_->on_frame(frame, n); }
+    void on_drop(const char* why) override { port_->on_drop(why); }
+
+  private:
+    // Why requests went unanswered, as far as the port can tell; also said on standard error,
+    // for callers that only see a time-out.
+    std::string explain(const std::string& waited_for, const diag_wire::FramingCounts& counts) {
+        const std::string& port = port_->address_;
+        std::string note;
+        if (!waited_for.empty()) {
+            note = "the port " + port + " was busy: " + waited_for +
+                   " holds its lock; nothing was sent";
+        } else if (counts.frames == 0 && counts.foreign > 0) {
+            note = "no HDLC frame came back from " + port + ", but " +
+                   std::to_string(counts.foreign) +
+                   " non-HDLC frames did: the modem seems to speak non-HDLC framing "
+                   "(LIBDIAG_FRAMING=nhdlc, tolven-diag --framing nhdlc)";
+        } else {
+            std::vector<std::string> users = other_users(port);
+            if (!users.empty()) {
+                note = "the port " + port + " is also open in ";
+                for (size_t i = 0; i < users.size(); ++i) note += (i ? ", " : "") + users[i];
+                note += ", which may take the modem's answers";
+            }
+        }
+        if (!note.empty()) fprintf(stderr, "libdiag: %s\n", note.c_str());
+        return note;
+    }
+
+    PortModem* const port_;
+    const std::unique_ptr<diag_wire::Framing> framing_;  // I/O thread only, until it ends
+    uint64_t foreign_seen_ = 0;
+    bool unanswered_ = false;
+    std::unique_ptr<Link> link_;  // last: its thread goes first
+};
+
+PortModem::PortModem(std::string address, FramingKind framing, ModemSink* sink)
+    : address_(std::move(address)),
+      framing_(framing),
+      sink_(sink),
+      encoder_(open_framing(framing, nullptr)) {}
+
+PortModem::~PortModem() {
+    connection_.reset();
+}
+
+void PortModem::Closer::operator()(Connection* c) const {
+    delete c;
+}
+
+bool PortModem::connect(std::string* error) {
+    ConnectionPtr c(new Connection(this));
+    if (!c->open(error)) return false;
+    std::lock_guard<std::mutex> lk(mu_);
+    note_.clear();
+    ++stats_.opens;
+    if (!c->link().waiting_for().empty()) ++stats_.lock_waits;
+    connection_ = std::move(c);
+    return true;
+}
+
+PortModem::ConnectionPtr PortModem::disconnect() {
+    std::lock_guard<std::mutex> lk(mu_);
+    if (connection_ != nullptr && pending_.waiting() > 0) connection_->set_unanswered();
+    pending_.orphan([](const Delivery&) { return true; });
+    return std::move(connection_);
+}
+
+bool PortModem::connected() const {
+    std::lock_guard<std::mutex> lk(mu_);
+    return connection_ != nullptr && connection_->link().alive();
+}
+
+bool PortModem::send(int, const Bytes& request, const Delivery& reply_to) {
+    Bytes frame;
+    std::lock_guard<std::mutex> lk(mu_);
+    if (connection_ == nullptr || !connection_->link().alive() ||
+        !encoder_->encode(request.data(), request.size(), &frame)) {
+        return false;
+    }
+    pending_.add(request, reply_to, Clock::now());
+    if (!connection_->link().write(frame)) {
+        pending_.pop_newest();
+        return false;
+    }
+    sink_->trace("port %s: sent command 0x%02x, %zu bytes", address_.c_str(), request[0],
+                 request.size());
+    return true;
+}
+
+void PortModem::orphan_client(int client) {
+    std::lock_guard<std::mutex> lk(mu_);
+    pending_.orphan([client](const Delivery& d) { return d.client == client; });
+}
+
+PortStats PortModem::stats() const {
+    std::lock_guard<std::mutex> lk(mu_);
+    PortStats s = stats_;
+    s.open = connection_ != nullptr && connection_->link().alive();
+    return s;
+}
+
+std::string PortModem::note() const {
+    std::lock_guard<std::mutex> lk(mu_);
+    return note_;
+}
+
+void PortModem::on_frame(const uint8_t* frame, size_t n) {
+    Delivery to;
+    matcher::Outcome outcome;
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        ++stats_.frames;
+        outcome = pending_.match(frame, n, Clock::now(), &to);
+        switch (outcome) {
+            case matcher::Outcome::kReply:
+                ++stats_.replies;
+                break;
+            case matcher::Outcome::kLate:
+                ++stats_.late;
+                break;
+            case matcher::Outcome::kUnsolicited:
+                ++stats_.unsolicited;
+                break;
+        }
+    }
+    switch (outcome) {
+        case matcher::Outcome::kReply:
+            sink_->trace("port: reply 0x%02x, %zu bytes", frame[0], n);
+            sink_->reply(std::move(to), Bytes(frame, frame + n));
+            return;
+        case matcher::Outcome::kLate:
+            sink_->trace("port: late reply 0x%02x, %zu bytes, dropped: its caller has gone",
+                         frame[0], n);
+            return;
+        case matcher::Outcome::kUnsolicited:
+            sink_->unsolicited(Bytes(frame, frame + n));
+            return;
+    }
+}
+
+void PortModem::on_drop(const char* why) {
+    uint64_t dropped;
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        dropped = ++stats_.dropped;
+    }
+    sink_->trace("port: frame dropped (%s), %llu so far", why,
+                 static_cast<unsigned long long>(dropped));
+}
+
+void PortModem::on_gone(const std::string& why) {
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        ++stats_.vanished;
+    }
+    fprintf(stderr, "libdiag: diag port %s: %s; closed\n", address_.c_str(), why.c_str());
+}
+
+void PortModem::on_stalled(size_t bytes) {
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        ++stats_.stalls;
+    }
+    fprintf(stderr, "libdiag: diag port %s: no write for %lld ms, %zu bytes dropped\n",
+            address_.c_str(), static_cast<long long>(kWriteLimit.count()), bytes);
+}
+
+void PortModem::on_ready() {
+    sink_->trace("port %s: the lock is ours now", address_.c_str());
+}
+
+void PortModem::add_foreign(uint64_t frames) {
+    std::lock_guard<std::mutex> lk(mu_);
+    stats_.foreign += frames;
+}
+
+void PortModem::closed(const std::string& note) {
+    std::lock_guard<std::mutex> lk(mu_);
+    note_ = note;
+}
+
+}  // namespace libdiag_sim
