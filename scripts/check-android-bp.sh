@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Keeps the Android.bp files in step with the tree that CMake builds:
 #  - each is canonical under `bpfmt -d` (blueprint-tools);
+#  - Soong accepts each module: its type, and the name and type of every property, as Debian's
+#    Soong reads them (scripts/soong-check/; a property of the allow-list there is only noted);
 #  - every file and folder it names exists (srcs, data, version_script, include folders), with
 #    no globs and no paths out of the module's folder;
 #  - every C/C++ source under its folder is built by one of its modules;
@@ -8,8 +10,12 @@
 #  - a version_script is the export map that the CMakeLists.txt beside it links with;
 #  - the tool's version is the project's.
 #   scripts/check-android-bp.sh [ROOT]
+# TOLVEN_SOONG_CHECK names a built soong-check (ctest gives the one CMake builds); without it, it
+# is built here first.
 set -euo pipefail
-root=${1:-$(dirname "$0")/..}
+here=$(cd "$(dirname "$0")" && pwd)
+root=${1:-$here/..}
+soong_check=${TOLVEN_SOONG_CHECK:+$(realpath "$TOLVEN_SOONG_CHECK")}
 cd "$root"
 
 # Libraries of the device's platform and of the modem vendor, not built from this tree.
@@ -23,6 +29,13 @@ command -v bpfmt >/dev/null || {
 mapfile -t files < <(find . \( -name .git -o -path './build*' \) -prune -o -name Android.bp -print |
     sed 's|^\./||' | sort)
 [ ${#files[@]} -gt 0 ] || { echo "check-android-bp: no Android.bp under $root" >&2; exit 1; }
+
+if [ -z "$soong_check" ]; then
+    soong_dir=$(mktemp -d)
+    trap 'rm -rf "$soong_dir"' EXIT
+    soong_check=$soong_dir/soong-check
+    "$here/soong-check/build.sh" "$soong_check" || exit 1
+fi
 
 problems=0
 problem() {
@@ -119,6 +132,15 @@ for f in "${files[@]}"; do
             problem "$f" "$src is not in the srcs of any module"
     done < <(find "$dir" \( -name '*.c' -o -name '*.cc' -o -name '*.cpp' \) | sort)
 done
+
+# Soong's own messages (FILE:LINE:COL: ...) are problems; its notes pass through.
+{ soong_errors=$("$soong_check" "${files[@]}" 2>&1 >&3) && status=0 || status=$?; } 3>&1
+if [ -n "$soong_errors" ]; then
+    echo "$soong_errors" >&2
+    problems=$((problems + $(wc -l <<<"$soong_errors")))
+elif [ "$status" -ne 0 ]; then
+    problem "$soong_check" "exit status $status"
+fi
 
 names=$(awk -F'\t' '$3 == "name" {print $4}' <<<"$records" | sort | uniq -d)
 [ -z "$names" ] || problem "Android.bp" "modules defined twice: $names"

@@ -13,7 +13,9 @@ for g in "${groups[@]}"; do
         base)
             packages+=(build-essential cmake ninja-build binutils
                 googletest libgtest-dev libgmock-dev libbenchmark-dev
-                android-liblog-dev android-libbase-dev blueprint-tools pkgconf) ;;
+                android-liblog-dev android-libbase-dev blueprint-tools pkgconf
+                golang-go golang-android-soong-dev golang-github-google-blueprint-dev
+                golang-github-golang-protobuf-1-5-dev) ;;
         valgrind)
             packages+=(valgrind) ;;
         fuzz)

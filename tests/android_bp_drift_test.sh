@@ -29,6 +29,9 @@ drifts=(
     "sed -i 's/VERSION 1.0/VERSION 1.1/' CMakeLists.txt|the project's version is 1.1"
     "printf 'srcs = [\"x.cpp\"]\n' >>tools/tolven-diag/Android.bp|not understood"
     "cat platform/Android.bp >>tools/tolven-diag/Android.bp|modules defined twice"
+    "sed -i 's/^    vendor: true,/    vendr: true,/' platform/Android.bp|platform/Android.bp:4:10: unrecognized property \"vendr\""
+    "sed -i 's/^    shared_libs: \[\"libtolven_diag\"\],/    shared_libs: \"liblog\",/' modem/hal/diag/Android.bp|can't assign string value to list property \"shared_libs\""
+    "sed -i 's/^cc_library_headers {/cc_foo {/' platform/Android.bp|platform/Android.bp:2:1: unrecognized module type \"cc_foo\""
 )
 
 failed=0
