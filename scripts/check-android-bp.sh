@@ -10,7 +10,8 @@
 #    "// host-only: FILE" line of it (built by CMake only);
 #  - every module it refers to is defined by an Android.bp of the tree or is a platform library;
 #  - a version_script is the export map that the CMakeLists.txt beside it links with;
-#  - the tool's version is the project's.
+#  - the tool's version is the project's;
+#  - every test a TEST_MAPPING names is a cc_test of the tree.
 #   scripts/check-android-bp.sh [ROOT]
 # TOLVEN_SOONG_CHECK names a built soong-check (ctest gives the one CMake builds); without it, it
 # is built here first.
@@ -31,6 +32,8 @@ command -v bpfmt >/dev/null || {
 mapfile -t files < <(find . \( -name .git -o -path './build*' \) -prune -o -name Android.bp -print |
     sed 's|^\./||' | sort)
 [ ${#files[@]} -gt 0 ] || { echo "check-android-bp: no Android.bp under $root" >&2; exit 1; }
+mapfile -t mappings < <(find . \( -name .git -o -path './build*' \) -prune -o -name TEST_MAPPING -print |
+    sed 's|^\./||' | sort)
 
 if [ -z "$soong_check" ]; then
     soong_dir=$(mktemp -d)
@@ -157,7 +160,7 @@ for f in "${files[@]}"; do
 done
 
 # Soong's own messages (FILE:LINE:COL: ...) are problems; its notes pass through.
-{ soong_errors=$("$soong_check" "${files[@]}" 2>&1 >&3) && status=0 || status=$?; } 3>&1
+{ soong_errors=$("$soong_check" "${files[@]}" "${mappings[@]}" 2>&1 >&3) && status=0 || status=$?; } 3>&1
 if [ -n "$soong_errors" ]; then
     echo "$soong_errors" >&2
     problems=$((problems + $(wc -l <<<"$soong_errors")))
@@ -169,4 +172,4 @@ names=$(awk -F'\t' '$3 == "name" {print $4}' <<<"$records" | sort | uniq -d)
 [ -z "$names" ] || problem "Android.bp" "modules defined twice: $names"
 
 [ "$problems" -eq 0 ] || { echo "check-android-bp: $problems problem(s)" >&2; exit 1; }
-echo "check-android-bp: ${#files[@]} Android.bp files match the tree"
+echo "check-android-bp: ${#files[@]} Android.bp files and ${#mappings[@]} TEST_MAPPING match the tree"
