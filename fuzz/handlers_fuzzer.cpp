@@ -11,12 +11,11 @@
 
 #include <vector>
 
-#include <android/log.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "contract.h"
+#include "log_capture.h"
 #include "tolven_diag_internal.h"
-#include "tolven_utils_host.h"
 
 namespace {
 
@@ -28,13 +27,10 @@ int posts() {
     return value;
 }
 
-void discard_logger(const struct __android_logger_data*, const char*) {}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    __android_log_set_logger(discard_logger);
-    tolven_utils_host_set_logcat_levels((1u << 1) | (1u << 4));
+    fuzz_log::set_levels((1u << 1) | (1u << 4));
     sem_init(&g_diag_rsp_sem, 0, 0);
     return 0;
 }

@@ -14,16 +14,16 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "contract.h"
+#include "log_capture.h"
 #include "tolven_diag_internal.h"
-#include "tolven_utils_host.h"
 
 namespace {
 
 // The one message the last call logged, without its "[proc][file:line] func: " prefix.
 std::string last_message() {
-    std::vector<tolven_utils_host::Line> lines = tolven_utils_host::captured();
+    std::vector<std::string> lines = fuzz_log::kept();
     require(lines.size() == 1, "one log line per call");
-    const std::string& text = lines[0].text;
+    const std::string& text = lines[0];
     return text.substr(text.find(": ", text.find("] ")) + 2);
 }
 
@@ -48,8 +48,7 @@ void check_buffer(const char* buf, size_t size, const char* want) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    tolven_utils_host_set_logcat_levels(1u << 4);
-    tolven_utils_host_set_shell_levels(0);
+    fuzz_log::set_levels(1u << 4);
     return 0;
 }
 
@@ -65,10 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     bytes.resize(std::max<size_t>(bytes.size(), std::clamp(len, 0, 4096)));
     const uint8_t* data = null_data ? nullptr : bytes.data();
 
-    tolven_utils_host::start_capture();
+    fuzz_log::start_keeping();
     tolven_print_data_with_hex(data, len);
     require(last_message() == expected_dump(data, len), "hex dump text");
-    tolven_utils_host::stop_capture();
 
     static const char* const kChannels[] = {"MSM", "MDM", "MDM_2"};
     const char* name = tolven_print_diag_channel_name(channel);

@@ -13,7 +13,9 @@ for g in "${groups[@]}"; do
         base)
             packages+=(build-essential cmake ninja-build binutils
                 googletest libgtest-dev libgmock-dev libbenchmark-dev
-                android-liblog-dev android-libbase-dev blueprint-tools pkgconf) ;;
+                android-liblog-dev android-libbase-dev blueprint-tools pkgconf
+                golang-go golang-android-soong-dev golang-github-google-blueprint-dev
+                golang-github-golang-protobuf-1-5-dev) ;;
         valgrind)
             packages+=(valgrind) ;;
         fuzz)
@@ -31,9 +33,21 @@ for g in "${groups[@]}"; do
     esac
 done
 
+# A package named without an architecture must be installed for this machine's (pkg:amd64), or be
+# one for all architectures (pkg:all): a copy for another one, such as the cross build's
+# android-liblog-dev:arm64, does not serve the host build.
+native=$(dpkg --print-architecture)
+installed() {
+    local query
+    if [[ $1 == *:* ]]; then set -- "$1"; else set -- "$1:$native" "$1:all"; fi
+    for query; do
+        dpkg-query -W -f='${Status}' "$query" 2>/dev/null | grep -q "install ok installed" && return 0
+    done
+    return 1
+}
 missing=()
 for p in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    installed "$p" || missing+=("$p")
 done
 if [ ${#missing[@]} -eq 0 ]; then
     echo "install-deps: ${groups[*]}: all ${#packages[@]} packages are installed"

@@ -10,8 +10,8 @@ trap 'rm -rf "$tmp"' EXIT
 copy_tree() {
     rm -rf "$tmp/tree"
     mkdir -p "$tmp/tree/modem/hal" "$tmp/tree/tools"
-    cp "$src/CMakeLists.txt" "$tmp/tree/"
-    cp -r "$src/platform" "$tmp/tree/"
+    cp "$src/CMakeLists.txt" "$src/TEST_MAPPING" "$tmp/tree/"
+    cp -r "$src/platform" "$src/fuzz" "$tmp/tree/"
     cp -r "$src/modem/hal/diag" "$tmp/tree/modem/hal/"
     cp -r "$src/tools/tolven-diag" "$tmp/tree/tools/"
 }
@@ -29,6 +29,12 @@ drifts=(
     "sed -i 's/VERSION 1.0/VERSION 1.1/' CMakeLists.txt|the project's version is 1.1"
     "printf 'srcs = [\"x.cpp\"]\n' >>tools/tolven-diag/Android.bp|not understood"
     "cat platform/Android.bp >>tools/tolven-diag/Android.bp|modules defined twice"
+    "sed -i 's/^    vendor: true,/    vendr: true,/' platform/Android.bp|platform/Android.bp:4:10: unrecognized property \"vendr\""
+    "sed -i 's/^    shared_libs: \[\"libtolven_diag\"\],/    shared_libs: \"liblog\",/' modem/hal/diag/Android.bp|can't assign string value to list property \"shared_libs\""
+    "sed -i 's/^cc_library_headers {/cc_foo {/' platform/Android.bp|platform/Android.bp:2:1: unrecognized module type \"cc_foo\""
+    "sed -i 's/device_test/device_tests/' TEST_MAPPING|presubmit: \"libtolven_diag_device_tests\" is not a cc_test module of the tree"
+    "rm fuzz/hdlc_fuzzer.cpp|host-only: fuzz/hdlc_fuzzer.cpp does not exist"
+    "rm -r fuzz/corpus/hexdump_fuzzer|fuzz/corpus/hexdump_fuzzer is not a folder of seeds"
 )
 
 failed=0
