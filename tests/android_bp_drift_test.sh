@@ -9,11 +9,12 @@ trap 'rm -rf "$tmp"' EXIT
 
 copy_tree() {
     rm -rf "$tmp/tree"
-    mkdir -p "$tmp/tree/modem/hal" "$tmp/tree/tools"
+    mkdir -p "$tmp/tree/modem/hal" "$tmp/tree/tools" "$tmp/tree/host"
     cp "$src/CMakeLists.txt" "$src/TEST_MAPPING" "$tmp/tree/"
     cp -r "$src/platform" "$src/fuzz" "$tmp/tree/"
     cp -r "$src/modem/hal/diag" "$tmp/tree/modem/hal/"
     cp -r "$src/tools/tolven-diag" "$tmp/tree/tools/"
+    cp -r "$src/host/diag_modem" "$tmp/tree/host/"
 }
 
 # Each row: the change, made in the copy, and a part of the message it must cause.

@@ -168,7 +168,18 @@ const Case kCases[] = {
     {"AnswersMissing", {"00"}, "LIBDIAG_SIM_ANSWERS=/nonexistent/answers", "", 1, "",
      "cannot read /nonexistent/answers: No such file"},
 
+    // A reply wrapped for a subscription: the subscription, then its packet decoded.
+    {"Subscription", {"98 01 00 00 01 00 00 00", "1c"}, "", "", 0,
+     "subscription: 1\ndiag version:\n  diag version       8\n", ""},
+    {"SubscriptionJson", {"--json", "98010000ffffffff00"}, "", "", 0,
+     "\"subscription\":4294967295,\"decoded\":{\"kind\":\"version info\"", ""},
+
     {"Mdm", {"--mdm"}, "LIBDIAG_SIM_REMOTE_MASK=1", "", 0, "remote modem: present", ""},
+    {"FramingAlone", {"--framing", "nhdlc", "00"}, "", "", 2, "", "--framing needs --port"},
+    {"FramingUnknown", {"--port", "/dev/null", "--framing", "hdcl", "00"}, "", "", 2, "",
+     "--framing: expected hdlc or nhdlc, not 'hdcl'"},
+    {"TcpRefused", {"--port", "tcp:127.0.0.1:1", "00"}, "", "", 1, "result: 1 (diag error",
+     "libdiag: cannot open diag port tcp:127.0.0.1:1: Connection refused"},
     {"PortMissing", {"--mdm", "--port", "/nonexistent/tty"}, "", "", 0,
      "remote modem: absent, port /nonexistent/tty\n",
      "warning: the port /nonexistent/tty: No such file or directory"},

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "framing.h"
 #include "text.h"
 
 namespace tolven_diag_tool {
@@ -21,6 +22,7 @@ enum Id {
     kOptRaw,
     kOptJson,
     kOptPort,
+    kOptFraming,
     kOptMdm,
     kOptOffline,
     kOptOutDir,
@@ -49,6 +51,7 @@ constexpr OptionDef kOptionTable[] = {
         {kOptRaw, "raw", 0, false},
         {kOptJson, "json", 0, false},
         {kOptPort, "port", 0, true},
+        {kOptFraming, "framing", 0, true},
         {kOptMdm, "mdm", 0, false},
         {kOptOffline, "offline-log-dir", 0, true},
         {kOptOutDir, "out-dir", 0, true},
@@ -60,9 +63,10 @@ constexpr OptionDef kOptionTable[] = {
 
 const char kUsage[] =
         "Usage: tolven-diag [-m dci|callback] [-t MS] [-c N] [--count N [--interval MS]]\n"
-        "                   [--raw] [--json] [--port PATH] [-v] HEX...\n"
-        "       tolven-diag -n [-m dci|callback] [--linger MS] [--port PATH] [-v] HEX...\n"
-        "       tolven-diag --mdm [--port PATH] [-v]\n"
+        "                   [--raw] [--json] [--port PORT [--framing F]] [-v] HEX...\n"
+        "       tolven-diag -n [-m dci|callback] [--linger MS] [--port PORT [--framing F]]\n"
+        "                   [-v] HEX...\n"
+        "       tolven-diag --mdm [--port PORT] [-v]\n"
         "       tolven-diag [--prop KEY=VALUE]... --offline-log-dir DATE [--out-dir DIR] [-v]\n"
         "       tolven-diag -h | --help | --version\n"
         "\n"
@@ -90,8 +94,11 @@ const char kUsage[] =
         "                         sends the packet and only logs the reply\n"
         "      --linger MS        with --no-wait: wait MS after the call before\n"
         "                         exiting (default: until the worker has ended)\n"
-        "      --port PATH        use the modem on the serial diag port PATH\n"
-        "                         (sets LIBDIAG_PORT for the diag library)\n"
+        "      --port PORT        use the modem on the diag port PORT: a serial\n"
+        "                         device, or tcp:HOST:PORT for one shared on the\n"
+        "                         network (sets LIBDIAG_PORT for the diag library)\n"
+        "      --framing F        with --port: hdlc (default) or nhdlc, for a modem\n"
+        "                         left in non-HDLC framing (sets LIBDIAG_FRAMING)\n"
         "      --mdm              tell whether a remote modem is present\n"
         "      --offline-log-dir DATE\n"
         "                         run the offline-log auto-start directory update\n"
@@ -111,6 +118,8 @@ const char kUsage[] =
         "  tolven-diag --count 5 --interval 200 1c   five sends and a summary\n"
         "  tolven-diag --json 00               for scripts\n"
         "  tolven-diag -v -n 1c                fire and forget, watch the worker's trace\n"
+        "  tolven-diag 98 01 00 00 01 00 00 00 7c   build id of subscription 1\n"
+        "  tolven-diag --port tcp:lab1:3333 00      a modem shared on the network\n"
         "  tolven-diag --mdm\n"
         "\n"
         "Exit status: 0 success; 1 the send was refused, failed or timed out, or a\n"
@@ -270,6 +279,15 @@ class Parser {
                 }
                 o_->port = value;
                 return true;
+            case kOptFraming: {
+                diag_wire::FramingKind kind;
+                if (!diag_wire::parse_framing(value, &kind)) {
+                    fail(written + ": expected hdlc or nhdlc, not '" + printable(value) + "'");
+                    return false;
+                }
+                o_->framing = value;
+                return true;
+            }
             case kOptMdm:
                 return true;
             case kOptOffline:
@@ -339,8 +357,12 @@ class Parser {
         if (!packet && !stray.empty()) {
             return fail(stray + " does not apply to " + (given(kOptMdm) ? mdm : offline));
         }
-        if (given(kOptPort) && given(kOptOffline)) {
-            return fail(seen_[kOptPort] + " does not apply to " + offline);
+        stray = first_given({kOptPort, kOptFraming});
+        if (!stray.empty() && given(kOptOffline)) {
+            return fail(stray + " does not apply to " + offline);
+        }
+        if (given(kOptFraming) && !given(kOptPort)) {
+            return fail(seen_[kOptFraming] + " needs --port");
         }
         stray = first_given({kOptOutDir, kOptProp});
         if (!stray.empty() && !given(kOptOffline)) {

@@ -53,7 +53,8 @@ struct Options {
     bool verbose = false;
     bool raw = false;
     bool json = false;
-    std::string port;  // empty: not given
+    std::string port;     // empty: not given
+    std::string framing;  // "hdlc" or "nhdlc"; empty: not given
     std::string offline_date;
     std::string out_dir;
     std::vector<std::pair<std::string, std::string>> props;

@@ -151,11 +151,8 @@ void subsystem(Reader& r, size_t len) {
     }
 }
 
-}  // namespace
-
-bool decode_reply(const std::vector<uint8_t>& request, const uint8_t* reply, size_t len,
-                  Decoded* out) {
-    *out = Decoded{};
+bool decode_packet(const std::vector<uint8_t>& request, const uint8_t* reply, size_t len,
+                   Decoded* out) {
     if (len == 0) return false;
     Reader r(reply, len, out);
     const uint8_t code = reply[0];
@@ -193,6 +190,22 @@ bool decode_reply(const std::vector<uint8_t>& request, const uint8_t* reply, siz
             return true;
     }
     return false;
+}
+
+}  // namespace
+
+bool decode_reply(const std::vector<uint8_t>& request, const uint8_t* reply, size_t len,
+                  Decoded* out) {
+    *out = Decoded{};
+    diag_wire::Unwrapped u = diag_wire::unwrap(reply, len);
+    if (!u.wrapped) return decode_packet(request, reply, len, out);
+    out->wrapped = true;
+    out->subscription = u.subscription;
+    // The packet inside answers the packet inside the request.
+    diag_wire::Unwrapped asked = diag_wire::unwrap(request.data(), request.size());
+    decode_packet(std::vector<uint8_t>(asked.inner, asked.inner + asked.inner_len), u.inner,
+                  u.inner_len, out);
+    return true;
 }
 
 std::string hex_bytes(const uint8_t* data, size_t len, size_t max_bytes) {

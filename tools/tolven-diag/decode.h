@@ -19,13 +19,16 @@ struct Field {
 };
 
 struct Decoded {
-    std::string kind;  // "version info", "error reply", ...
+    // A reply wrapped for a subscription (98 01 00 00 <u32>): the rest is its packet's.
+    bool wrapped = false;
+    uint32_t subscription = 0;
+    std::string kind;  // "version info", "error reply", ...; empty: not a command decoded here
     std::vector<Field> fields;
     std::string note;  // where a short reply ends, or what follows the known fields
 };
 
-// Decodes |reply| (|len| bytes), the answer to |request|. Returns false for a reply whose
-// command code is not decoded (and for an empty one).
+// Decodes |reply| (|len| bytes), the answer to |request|. Returns false for a reply that is
+// neither wrapped nor of a command decoded here (and for an empty one).
 bool decode_reply(const std::vector<uint8_t>& request, const uint8_t* reply, size_t len,
                   Decoded* out);
 

@@ -148,8 +148,10 @@ struct Run {
     std::vector<std::string> notes;  // for a success
 };
 
-// Why the diag library cannot use |port|, or "" when it exists and opens for reading and writing.
+// Why the diag library cannot use |port|, or "" when it exists and opens for reading and writing
+// (or is a network port, which only a connection can tell).
 std::string port_problem(const std::string& port) {
+    if (port.rfind("tcp:", 0) == 0) return "";
     struct stat st;
     if (stat(port.c_str(), &st) != 0) return "the port " + port + ": " + strerror(errno);
     if (access(port.c_str(), R_OK | W_OK) != 0) {
@@ -162,6 +164,18 @@ std::string port_problem(const std::string& port) {
 void warn_port(const Options& o, const char* consequence) {
     std::string problem = o.port.empty() ? "" : port_problem(o.port);
     if (!problem.empty()) error("warning: " + problem + "; " + consequence);
+}
+
+// What the host libdiag found out about the port when a command went unanswered (busy, the other
+// framing, other processes on it); "" when it found nothing, or on a device, whose libdiag does
+// not say.
+std::string port_note() {
+    using NoteFn = size_t (*)(char*, size_t);
+    auto fn = reinterpret_cast<NoteFn>(dlsym(RTLD_DEFAULT, "libdiag_sim_port_note"));
+    if (fn == nullptr) return "";
+    char note[1024];
+    fn(note, sizeof note);
+    return note;
 }
 
 Run send_once(const Options& o, int seq) {
@@ -203,7 +217,10 @@ Run send_once(const Options& o, int seq) {
     } else if (run.elapsed_ms >= timeout - 1) {
         run.outcome = Outcome::kTimedOut;
         run.why = "timed out: no complete reply within " + std::to_string(timeout) + " ms";
-        if (o.mode == Mode::kCallback) {
+        std::string note = port_note();
+        if (!note.empty()) {
+            run.why += ": " + note;
+        } else if (o.mode == Mode::kCallback) {
             run.why += " (callback mode also drops a response over " +
                        std::to_string(kCallbackMaxResponse) + " bytes)";
         }
@@ -223,6 +240,8 @@ Run send_once(const Options& o, int seq) {
 void print_decoded(const Options& o, const Run& run, const std::vector<uint8_t>& request) {
     Decoded d;
     if (o.raw || !decode_reply(request, run.reply.data(), run.reply.size(), &d)) return;
+    if (d.wrapped) fprintf(g_out, "subscription: %u\n", d.subscription);
+    if (d.kind.empty()) return;
     fprintf(g_out, "%s:\n", d.kind.c_str());
     for (const Field& f : d.fields) fprintf(g_out, "  %-18s %s\n", f.name.c_str(), f.text.c_str());
     if (!d.note.empty()) fprintf(g_out, "  (%s)\n", d.note.c_str());
@@ -269,7 +288,9 @@ void print_json(const Options& o, const Run& run) {
     j += ",\"reply_len\":" + std::to_string(run.reply.size());
     j += ",\"reply\":" + json_string(json_hex(run.reply));
     Decoded d;
-    if (!o.raw && decode_reply(o.packet, run.reply.data(), run.reply.size(), &d)) {
+    bool decoded = decode_reply(o.packet, run.reply.data(), run.reply.size(), &d);
+    if (d.wrapped) j += ",\"subscription\":" + std::to_string(d.subscription);
+    if (!o.raw && decoded && !d.kind.empty()) {
         j += ",\"decoded\":{\"kind\":" + json_string(d.kind);
         for (const Field& f : d.fields) {
             j += "," + json_string(json_key(f.name)) + ":" +
@@ -328,7 +349,8 @@ void print_summary(const Options& o, const std::vector<Run>& runs) {
 }
 
 std::string port_text(const Options& o) {
-    return o.port.empty() ? "" : ", port " + o.port;
+    if (o.port.empty()) return "";
+    return ", port " + o.port + (o.framing.empty() ? "" : " (" + o.framing + ")");
 }
 
 int send_with_result(const Options& o) {
@@ -573,6 +595,7 @@ int main(int argc, char** argv) {
     // The library and libdiag read these on their first call.
     if (o.verbose) setenv("TOLVEN_LOG_SHELL", "1,4", 1);
     if (!o.port.empty()) setenv("LIBDIAG_PORT", o.port.c_str(), 1);
+    if (!o.framing.empty()) setenv("LIBDIAG_FRAMING", o.framing.c_str(), 1);
     int status = run(o);
     if (fflush(g_out) != 0 || ferror(g_out)) {
         error(std::string("cannot write the output: ") + strerror(errno));
