@@ -13,10 +13,12 @@
 #include <gtest/gtest.h>
 
 #include "libdiag_sim.h"
+#include "port_holder.h"
 #include "pty_modem.h"
 #include "test_support.h"
 #include "tolven_diag.h"
 #include "tolven_diag_platform.h"
+#include "wire.h"
 
 namespace {
 
@@ -42,6 +44,10 @@ Bytes pattern(uint16_t n) {
     return {0x4B, 0xFE, 0x02, 0x00, uint8_t(n), uint8_t(n >> 8)};
 }
 
+Bytes wrapped(uint32_t subscription, const Bytes& packet) {
+    return diag_wire::wrap(subscription, packet);
+}
+
 Bytes table_reply(const Bytes& req) {
     return diag_modem::make_builtin_table()->answer(0, req).responses.at(0).bytes;
 }
@@ -56,6 +62,7 @@ class SerialTest : public DiagTest {
     void TearDown() override {
         DiagTest::TearDown();
         unsetenv("LIBDIAG_PORT");
+        unsetenv("LIBDIAG_FRAMING");
         libdiag_sim::reset();  // closes the port before the modem goes
         unlink(link_.c_str());
         modem_.reset();
@@ -117,7 +124,7 @@ TEST_F(SerialTest, RepliesOfEverySizeInBothTransportsThroughNoise) {
             {"error reply", Mode::kDci, {0x4B, 0x77, 0x01, 0x00}, noisy, {}},
             {"1 byte", Mode::kCallback, {0x1D}, one_byte, {0x1D}},
             {"version", Mode::kCallback, {0x00}, noisy, {}},
-            {"longest callback reply", Mode::kCallback, pattern(10236), trickle, {}},
+            {"longest callback reply", Mode::kCallback, pattern(10236), noisy, {}},
             {"error reply", Mode::kCallback, {0x99, 0x01}, noisy, {}},
     };
     for (const Row& r : rows) {
@@ -135,7 +142,75 @@ TEST_F(SerialTest, RepliesOfEverySizeInBothTransportsThroughNoise) {
     }
 }
 
-enum class Fault { kNeverAnswers, kGarbage, kLateAnswer, kPtyCloses };
+// A dual-SIM modem's port is busy with log packets wrapped for each subscription, many of them
+// right before every reply: commands wrapped for either subscription and plain ones, back to
+// back, each get their own reply.
+TEST_F(SerialTest, WrappedAndPlainCommandsThroughWrappedLogTraffic) {
+    pty_modem::Options options;
+    options.subscriptions = {0, 1};
+    options.logs_before_reply = 60;
+    options.log_every = 20ms;
+    options.event_every = 20ms;
+    start_modem(options);
+    const Bytes build_id = {0x7C};
+    const Bytes requests[] = {wrapped(0, build_id), wrapped(1, build_id), build_id,
+                              wrapped(1, pattern(300)), wrapped(0, {0x4B, 0x77, 0x01, 0x00})};
+    int sent = 0;
+    for (Mode mode : {Mode::kDci, Mode::kCallback}) {
+        for (int round = 0; round < 20; ++round) {
+            for (const Bytes& request : requests) {
+                SCOPED_TRACE(::testing::Message()
+                             << (mode == Mode::kDci ? "dci" : "callback") << ", round " << round
+                             << ", " << ::testing::PrintToString(request));
+                SendOutcome out = send_packet(send_fn(mode), request, 3000 * time_scale());
+                ++sent;
+                ASSERT_EQ(0, out.result);
+                ASSERT_EQ(table_reply(request), out.reply);
+            }
+        }
+    }
+    libdiag_sim::PortStats st = libdiag_sim::port_stats();
+    EXPECT_EQ(uint64_t(sent), st.replies);
+    EXPECT_GE(st.unsolicited, 60u * sent);
+    EXPECT_EQ(0u, st.late);
+}
+
+// A modem left in non-HDLC framing: answered at that framing, and at the default one the
+// time-out says what the port speaks.
+TEST_F(SerialTest, NonHdlcFraming) {
+    pty_modem::Options options;
+    options.framing = diag_wire::FramingKind::kNhdlc;
+    options.log_every = 5ms;
+    options.corrupt_every = 2;
+    start_modem(options);
+    setenv("LIBDIAG_FRAMING", "nhdlc", 1);
+    // Payloads with 7E in them, which this framing does not escape.
+    const Bytes requests[] = {{0x00}, pattern(300), wrapped(1, {0x7E, 0x7E}), pattern(9000)};
+    for (Mode mode : {Mode::kDci, Mode::kCallback}) {
+        for (const Bytes& request : requests) {
+            SCOPED_TRACE(::testing::PrintToString(request));
+            SendOutcome out = send_packet(send_fn(mode), request, 3000 * time_scale());
+            EXPECT_EQ(0, out.result);
+            EXPECT_EQ(table_reply(request), out.reply);
+        }
+    }
+    EXPECT_EQ("", libdiag_sim::port_note());
+
+    unsetenv("LIBDIAG_FRAMING");
+    for (Mode mode : {Mode::kDci, Mode::kCallback}) {
+        ::testing::internal::CaptureStderr();
+        SendOutcome out = send_packet(send_fn(mode), {0x00}, 300);
+        std::string err = ::testing::internal::GetCapturedStderr();
+        EXPECT_EQ(1, out.result);
+        const std::string note = libdiag_sim::port_note();
+        EXPECT_NE(std::string::npos, note.find("the modem seems to speak non-HDLC framing")) << note;
+        EXPECT_NE(std::string::npos, note.find("LIBDIAG_FRAMING=nhdlc")) << note;
+        EXPECT_NE(std::string::npos, err.find(note)) << err;
+    }
+    EXPECT_GT(libdiag_sim::port_stats().foreign, 0u);
+}
+
+enum class Fault { kNeverAnswers, kGarbage, kLateAnswer, kPtyCloses, kHangsUpMidReply };
 
 struct FaultRow {
     Fault fault;
@@ -143,7 +218,8 @@ struct FaultRow {
 };
 
 std::string fault_name(const ::testing::TestParamInfo<FaultRow>& info) {
-    static const char* const kNames[] = {"NeverAnswers", "Garbage", "LateAnswer", "PtyCloses"};
+    static const char* const kNames[] = {"NeverAnswers", "Garbage", "LateAnswer", "PtyCloses",
+                                         "HangsUpMidReply"};
     return std::string(kNames[int(info.param.fault)]) +
            (info.param.mode == Mode::kDci ? "Dci" : "Callback");
 }
@@ -160,6 +236,9 @@ TEST_P(SerialFault, CallerGetsItsTimeLimitAndTheNextCommandWorks) {
         options.answers = answer(request, {}, 0ms);
     } else if (fault == Fault::kGarbage) {
         options.garbage = true;
+        request = {0x00};
+    } else if (fault == Fault::kHangsUpMidReply) {
+        options.hang_up_mid_reply = true;
         request = {0x00};
     } else {
         request = echo_a;
@@ -189,8 +268,10 @@ TEST_P(SerialFault, CallerGetsItsTimeLimitAndTheNextCommandWorks) {
         return;  // the modem goes on with noise
     }
     if (fault == Fault::kLateAnswer) next = echo_b;
-    if (fault == Fault::kPtyCloses) {
+    if (fault == Fault::kPtyCloses || fault == Fault::kHangsUpMidReply) {
         EXPECT_EQ(1u, st.vanished);
+        // Its pty number may go to a test beside this one at once: the device name goes too.
+        unlink(link_.c_str());
         // the port is gone: the next connection fails at once
         SendOutcome gone = send_packet(send_fn(mode), next, 3000);
         EXPECT_EQ(1, gone.result);
@@ -210,8 +291,47 @@ INSTANTIATE_TEST_SUITE_P(Faults, SerialFault,
                                            FaultRow{Fault::kLateAnswer, Mode::kDci},
                                            FaultRow{Fault::kLateAnswer, Mode::kCallback},
                                            FaultRow{Fault::kPtyCloses, Mode::kDci},
-                                           FaultRow{Fault::kPtyCloses, Mode::kCallback}),
+                                           FaultRow{Fault::kPtyCloses, Mode::kCallback},
+                                           FaultRow{Fault::kHangsUpMidReply, Mode::kDci},
+                                           FaultRow{Fault::kHangsUpMidReply, Mode::kCallback}),
                          fault_name);
+
+// While another process holds the port's lock, a command neither reads nor writes the port; it
+// ends as a time-out that names the holder, or goes out as soon as the lock is free.
+TEST_F(SerialTest, LockedPortWaitsForItsLock) {
+    start_modem();
+    PortHolder holder(link_, true);
+    ASSERT_TRUE(holder.holding());
+    for (Mode mode : {Mode::kDci, Mode::kCallback}) {
+        ::testing::internal::CaptureStderr();
+        SendOutcome out = send_packet(send_fn(mode), {0x00}, 300);
+        std::string err = ::testing::internal::GetCapturedStderr();
+        EXPECT_EQ(1, out.result);
+        EXPECT_GE(out.elapsed, 300ms - kClockSlack);
+        const std::string busy = "was busy: process " + std::to_string(holder.pid()) + " (";
+        EXPECT_NE(std::string::npos, libdiag_sim::port_note().find(busy))
+                << libdiag_sim::port_note();
+        EXPECT_NE(std::string::npos, err.find(busy)) << err;
+    }
+    EXPECT_EQ(0u, modem_->stats().requests);
+    EXPECT_EQ(2u, libdiag_sim::port_stats().lock_waits);
+    holder.release();
+
+    for (Mode mode : {Mode::kDci, Mode::kCallback}) {
+        PortHolder again(link_, true);
+        ASSERT_TRUE(again.holding());
+        std::thread releasing([&] {
+            std::this_thread::sleep_for(200ms);
+            again.release();
+        });
+        SendOutcome out = send_packet(send_fn(mode), {0x7C}, 3000 * time_scale());
+        releasing.join();
+        EXPECT_EQ(0, out.result);
+        EXPECT_EQ(table_reply({0x7C}), out.reply);
+        EXPECT_GE(out.elapsed, 200ms - kClockSlack);
+    }
+    EXPECT_EQ(0, send_packet(send_fn(Mode::kDci), {0x1C}, 3000 * time_scale()).result);
+}
 
 TEST_F(SerialTest, OpenFailureFailsInitWithOneLine) {
     struct Row {

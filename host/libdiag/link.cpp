@@ -38,6 +38,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr size_t kReadChunk = 16 * 1024;
+// How long a link that lets go of a port waits for a waiting process to take it.
+constexpr milliseconds kHandOverLimit{20};
 
 std::string error_text(int err) {
     return strerror(err);
@@ -64,24 +66,39 @@ std::string process_name(int pid) {
     return "process " + std::to_string(pid) + (name.empty() ? "" : " (" + name + ")");
 }
 
-// Who holds a flock on the file |st| names, from /proc/locks; 0 when nobody (or not told).
-int lock_holder(const struct stat& st) {
+// The flock(2) locks of other processes on the file |st| names, from /proc/locks: the pid of
+// the holder (0: none, or not told) and whether any process waits for it.
+struct Locks {
+    int holder = 0;
+    bool waiters = false;
+};
+
+Locks flocks_of_others(const struct stat& st) {
+    Locks locks;
     std::ifstream in("/proc/locks");
     std::string line;
     while (std::getline(in, line)) {
-        // "1: FLOCK  ADVISORY  WRITE 1234 00:19:7 0 EOF"
+        // "1: FLOCK  ADVISORY  WRITE 1234 00:19:7 0 EOF", a waiter as "1: -> FLOCK ..."
         std::istringstream f(line);
         std::string id, type, mode, access, dev;
         int pid = 0;
         f >> id >> type;
-        if (type == "->") f >> type;  // a waiter
+        bool waiting = type == "->";
+        if (waiting) f >> type;
         f >> mode >> access >> pid >> dev;
         unsigned maj = 0, min = 0;
         unsigned long long ino = 0;
-        if (type != "FLOCK" || sscanf(dev.c_str(), "%x:%x:%llu", &maj, &min, &ino) != 3) continue;
-        if (makedev(maj, min) == st.st_dev && ino == st.st_ino && pid != getpid()) return pid;
+        if (type != "FLOCK" || sscanf(dev.c_str(), "%x:%x:%llu", &maj, &min, &ino) != 3 ||
+            makedev(maj, min) != st.st_dev || ino != st.st_ino || pid == getpid()) {
+            continue;
+        }
+        if (waiting) {
+            locks.waiters = true;
+        } else {
+            locks.holder = pid;
+        }
     }
-    return 0;
+    return locks;
 }
 
 // The index of the pty whose master |pid|'s descriptor |fd| holds, or -1.
@@ -127,17 +144,23 @@ struct LockWait {
 
 class FdLink : public Link {
   public:
-    FdLink(std::string address, int fd, LinkSink* sink, std::shared_ptr<LockWait> lock_wait,
-           std::string holder, bool is_tty)
+    // |waiter_fd|: another descriptor of the port's open file to wait for its lock on, while
+    // |holder| keeps it; -1 when the port is ours already.
+    FdLink(std::string address, int fd, LinkSink* sink, int waiter_fd, std::string holder,
+           bool is_tty)
         : address_(std::move(address)),
           fd_(fd),
           wake_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
           sink_(sink),
           is_tty_(is_tty),
-          lock_wait_(std::move(lock_wait)),
+          lock_wait_(waiter_fd >= 0 ? std::make_shared<LockWait>() : nullptr),
           holder_(std::move(holder)),
           ready_(lock_wait_ == nullptr) {
-        if (lock_wait_ != nullptr) lock_wait_->wake_fd = fcntl(wake_, F_DUPFD_CLOEXEC, 0);
+        if (lock_wait_ != nullptr) {
+            // Its wake-up must be in place before the waiter can have the lock.
+            lock_wait_->wake_fd = fcntl(wake_, F_DUPFD_CLOEXEC, 0);
+            LockWait::start(lock_wait_, waiter_fd);
+        }
         thread_ = std::thread([this] { run(); });
     }
 
@@ -152,9 +175,17 @@ class FdLink : public Link {
         }
         // Exclusive use lasts as long as the terminal stays open, and another process (the
         // modem itself, on a pty) may hold it open after us.
+        struct stat st;
+        bool hand_over = is_tty_ && ready_ && fstat(fd_, &st) == 0 && flocks_of_others(st).waiters;
         if (is_tty_) ioctl(fd_, TIOCNXCL);
         close(fd_);
         close(wake_);
+        // A process that waits for the port gets it before this one can take it again: the
+        // kernel wakes waiters but lets whoever comes first have the lock.
+        for (auto end = Clock::now() + kHandOverLimit;
+             hand_over && flocks_of_others(st).holder == 0 && Clock::now() < end;) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
         errno = saved_errno;
     }
 
@@ -361,7 +392,6 @@ std::unique_ptr<Link> open_device(const std::string& path, LinkSink* sink, std::
         }
         return nullptr;
     }
-    std::shared_ptr<LockWait> lock_wait;
     std::string holder;
     bool locked = flock(fd, LOCK_EX | LOCK_NB) == 0;
     int waiter_fd = -1;
@@ -373,12 +403,10 @@ std::unique_ptr<Link> open_device(const std::string& path, LinkSink* sink, std::
     }
     if (!locked) {
         struct stat st;
-        int pid = fstat(fd, &st) == 0 ? lock_holder(st) : 0;
+        int pid = fstat(fd, &st) == 0 ? flocks_of_others(st).holder : 0;
         holder = pid > 0 ? process_name(pid) : "another process";
-        lock_wait = std::make_shared<LockWait>();
-        LockWait::start(lock_wait, waiter_fd);
     }
-    return std::make_unique<FdLink>(path, fd, sink, std::move(lock_wait), std::move(holder), true);
+    return std::make_unique<FdLink>(path, fd, sink, waiter_fd, std::move(holder), true);
 }
 
 // ---- TCP ----
@@ -460,7 +488,7 @@ std::unique_ptr<Link> open_tcp(const std::string& address, LinkSink* sink, std::
     }
     freeaddrinfo(list);
     if (fd < 0) return nullptr;
-    return std::make_unique<FdLink>(address, fd, sink, nullptr, "", false);
+    return std::make_unique<FdLink>(address, fd, sink, -1, "", false);
 }
 
 }  // namespace

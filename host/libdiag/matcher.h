@@ -66,6 +66,13 @@ class Pending {
         }
     }
 
+    // Forgets the requests |pick|(const T&) picks: no answer to them can come any more.
+    template <typename Pick>
+    void forget(Pick&& pick) {
+        for (auto it = q_.begin(); it != q_.end();)
+            it = pick(it->to) ? q_.erase(it) : std::next(it);
+    }
+
     // Finds what |frame| is; on kReply the request is taken off and |*to| says where the reply
     // goes.
     Outcome match(const uint8_t* frame, size_t n, Clock::time_point now, T* to) {

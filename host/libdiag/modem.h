@@ -93,9 +93,15 @@ class PortModem : public Modem {
 
   private:
     friend class Connection;
+    // A request and the connection it went out on.
+    struct Sent {
+        Delivery to;
+        uint64_t session = 0;
+    };
+
     void on_frame(const uint8_t* frame, size_t n);
     void on_drop(const char* why);
-    void on_gone(const std::string& why);
+    void on_gone(uint64_t session, const std::string& why);
     void on_stalled(size_t bytes);
     void on_ready();
     void add_foreign(uint64_t frames);
@@ -107,7 +113,8 @@ class PortModem : public Modem {
     const std::unique_ptr<diag_wire::Framing> encoder_;  // encodes only
 
     mutable std::mutex mu_;  // after the library's lock
-    matcher::Pending<Delivery> pending_;
+    matcher::Pending<Sent> pending_;
+    uint64_t sessions_ = 0;  // connections made
     PortStats stats_;
     std::string note_;
     ConnectionPtr connection_;

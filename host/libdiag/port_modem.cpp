@@ -12,7 +12,8 @@ using diag_wire::FramingKind;
 // thread calls in here; the port outlives it.
 class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink {
   public:
-    Connection(PortModem* port) : port_(port), framing_(open_framing(port->framing_, this)) {}
+    Connection(PortModem* port, uint64_t session)
+        : port_(port), session_(session), framing_(open_framing(port->framing_, this)) {}
 
     ~Connection() {
         if (link_ == nullptr) return;  // never opened
@@ -38,7 +39,7 @@ class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink
         }
     }
     void on_ready() override { port_->on_ready(); }
-    void on_gone(const std::string& why) override { port_->on_gone(why); }
+    void on_gone(const std::string& why) override { port_->on_gone(session_, why); }
     void on_stalled(size_t bytes) override { port_->on_stalled(bytes); }
     void on_frame(const uint8_t* frame, size_t n) override { port_->on_frame(frame, n); }
     void on_drop(const char* why) override { port_->on_drop(why); }
@@ -70,6 +71,7 @@ class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink
     }
 
     PortModem* const port_;
+    const uint64_t session_;
     const std::unique_ptr<diag_wire::Framing> framing_;  // I/O thread only, until it ends
     uint64_t foreign_seen_ = 0;
     bool unanswered_ = false;
@@ -91,12 +93,21 @@ void PortModem::Closer::operator()(Connection* c) const {
 }
 
 bool PortModem::connect(std::string* error) {
-    ConnectionPtr c(new Connection(this));
+    uint64_t session;
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        session = ++sessions_;
+    }
+    ConnectionPtr c(new Connection(this, session));
     if (!c->open(error)) return false;
     std::lock_guard<std::mutex> lk(mu_);
     note_.clear();
     ++stats_.opens;
-    if (!c->link().waiting_for().empty()) ++stats_.lock_waits;
+    if (!c->link().waiting_for().empty()) {
+        ++stats_.lock_waits;
+        // Another process has the port: answers to our earlier requests go to it, not to us.
+        pending_.clear();
+    }
     connection_ = std::move(c);
     return true;
 }
@@ -104,7 +115,12 @@ bool PortModem::connect(std::string* error) {
 PortModem::ConnectionPtr PortModem::disconnect() {
     std::lock_guard<std::mutex> lk(mu_);
     if (connection_ != nullptr && pending_.waiting() > 0) connection_->set_unanswered();
-    pending_.orphan([](const Delivery&) { return true; });
+    // Requests that never left (the port was another process's all along) get no late answer.
+    if (connection_ != nullptr && !connection_->link().waiting_for().empty()) {
+        const uint64_t session = sessions_;
+        pending_.forget([session](const Sent& s) { return s.session == session; });
+    }
+    pending_.orphan([](const Sent&) { return true; });
     return std::move(connection_);
 }
 
@@ -120,7 +136,7 @@ bool PortModem::send(int, const Bytes& request, const Delivery& reply_to) {
         !encoder_->encode(request.data(), request.size(), &frame)) {
         return false;
     }
-    pending_.add(request, reply_to, Clock::now());
+    pending_.add(request, Sent{reply_to, sessions_}, Clock::now());
     if (!connection_->link().write(frame)) {
         pending_.pop_newest();
         return false;
@@ -132,7 +148,7 @@ bool PortModem::send(int, const Bytes& request, const Delivery& reply_to) {
 
 void PortModem::orphan_client(int client) {
     std::lock_guard<std::mutex> lk(mu_);
-    pending_.orphan([client](const Delivery& d) { return d.client == client; });
+    pending_.orphan([client](const Sent& s) { return s.to.client == client; });
 }
 
 PortStats PortModem::stats() const {
@@ -148,7 +164,7 @@ std::string PortModem::note() const {
 }
 
 void PortModem::on_frame(const uint8_t* frame, size_t n) {
-    Delivery to;
+    Sent to;
     matcher::Outcome outcome;
     {
         std::lock_guard<std::mutex> lk(mu_);
@@ -169,7 +185,7 @@ void PortModem::on_frame(const uint8_t* frame, size_t n) {
     switch (outcome) {
         case matcher::Outcome::kReply:
             sink_->trace("port: reply 0x%02x, %zu bytes", frame[0], n);
-            sink_->reply(std::move(to), Bytes(frame, frame + n));
+            sink_->reply(std::move(to.to), Bytes(frame, frame + n));
             return;
         case matcher::Outcome::kLate:
             sink_->trace("port: late reply 0x%02x, %zu bytes, dropped: its caller has gone",
@@ -191,10 +207,12 @@ void PortModem::on_drop(const char* why) {
                  static_cast<unsigned long long>(dropped));
 }
 
-void PortModem::on_gone(const std::string& why) {
+void PortModem::on_gone(uint64_t session, const std::string& why) {
     {
         std::lock_guard<std::mutex> lk(mu_);
         ++stats_.vanished;
+        // The modem behind a port that went away starts afresh: what was sent is lost.
+        pending_.forget([session](const Sent& s) { return s.session <= session; });
     }
     fprintf(stderr, "libdiag: diag port %s: %s; closed\n", address_.c_str(), why.c_str());
 }

@@ -35,7 +35,7 @@ struct Chunk {
 
 }  // namespace
 
-struct Modem::Impl : diag_wire::FrameSink {
+struct Modem::Impl final : diag_wire::FrameSink {
     int master = -1;
     int slave = -1;  // held open so that the master never sees a hang-up between clients
     int wake = -1;
@@ -180,8 +180,12 @@ struct Modem::Impl : diag_wire::FrameSink {
             if (options.event_every.count() > 0) wake_at = std::min(wake_at, next_event);
             short events = POLLIN;
             if (!out.empty()) {
-                if (out.front().due <= now) events |= POLLOUT;
-                wake_at = std::min(wake_at, out.front().due);
+                // Due bytes wait for the pty to take them, not for a clock.
+                if (out.front().due <= now) {
+                    events |= POLLOUT;
+                } else {
+                    wake_at = std::min(wake_at, out.front().due);
+                }
             }
             timespec ts{};
             timespec* timeout = nullptr;  // none: wait for input
