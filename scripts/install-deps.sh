@@ -12,7 +12,7 @@ for g in "${groups[@]}"; do
     case $g in
         base)
             packages+=(build-essential cmake ninja-build binutils
-                googletest libgtest-dev libgmock-dev libbenchmark-dev
+                googletest libgtest-dev libgmock-dev libbenchmark-dev ser2net
                 android-liblog-dev android-libbase-dev blueprint-tools pkgconf
                 golang-go golang-android-soong-dev golang-github-google-blueprint-dev
                 golang-github-golang-protobuf-1-5-dev) ;;
