@@ -2,8 +2,9 @@
 // and the host libdiag's port modem to the pty modem on a thread of this program, in both
 // transports, against the floor: the same request frame written and one reply frame read on the
 // port by this program itself. Over the pty, and over TCP through a ser2net started here. Library
-// and floor samples alternate, so that load on the machine hits both alike; the median and p99 of
-// each, and the ratio of the medians, are reported.
+// and floor samples alternate in blocks, so that load on the machine hits both alike, and the
+// library keeps its port open within a block as a caller's back-to-back commands have it; the
+// median and p99 of each, and the ratio of the medians, are reported.
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -15,6 +16,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -44,10 +46,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// The library's wait timer ticks on for up to 100 ms after a command: spaced samples of the
-// library are this far apart, with the floor's sample halfway between.
+// The library's wait timer ticks on for up to 100 ms after a command: spaced samples are this far
+// apart.
 constexpr milliseconds kSpacing{150};
-constexpr int kSpacedSamples = 100;
+constexpr int kSpacedSamples = 60;
+// Library and floor samples take turns this many at a time; between the blocks the library lets
+// go of the port that it keeps open after a command (LIBDIAG_LINGER_MS).
+constexpr int kBlock = 10;
 constexpr int kBackToBackSamples = 200;
 constexpr int kTimeoutMs = 1000;
 constexpr size_t kVersionReplySize = 55;
@@ -90,7 +95,10 @@ class RawPort {
     static std::unique_ptr<RawPort> open_pty(const std::string& path, std::string* error) {
         int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
         termios t;
-        if (fd < 0 || tcgetattr(fd, &t) != 0) return failed(fd, "open " + path, error);
+        // The port's lock, as the library takes it: the port is this program's alone.
+        if (fd < 0 || flock(fd, LOCK_EX) != 0 || tcgetattr(fd, &t) != 0) {
+            return failed(fd, "open " + path, error);
+        }
         cfmakeraw(&t);
         if (tcsetattr(fd, TCSANOW, &t) != 0 || tcflush(fd, TCIOFLUSH) != 0) {
             return failed(fd, "raw " + path, error);
@@ -334,11 +342,20 @@ class Floor {
   public:
     Floor(bool tcp, int port) : tcp_(tcp), port_(port) {}
 
-    bool start(const std::string& pty, std::string* error) {
-        if (!tcp_) raw_ = RawPort::open_pty(pty, error);
-        return tcp_ || raw_ != nullptr;
+    // |n| round trips, each timed after |gap|, into |us|.
+    bool block(int n, const std::string& pty, milliseconds gap, std::vector<double>* us,
+               std::string* error) {
+        if (!tcp_ && (raw_ = RawPort::open_pty(pty, error)) == nullptr) return false;
+        for (int i = 0; i < n; ++i) {
+            double sample_us = 0;
+            if (!sample(gap, &sample_us, error)) return false;
+            us->push_back(sample_us);
+        }
+        raw_.reset();
+        return true;
     }
 
+  private:
     // One round trip, timed after |gap|. ser2net now and then resets a connection that came
     // while it was closing the library's: such a try is dropped and made again a while later.
     bool sample(milliseconds gap, double* us, std::string* error) {
@@ -358,7 +375,6 @@ class Floor {
         return false;
     }
 
-  private:
     const bool tcp_;
     const int port_;
     std::unique_ptr<RawPort> raw_;
@@ -394,15 +410,17 @@ void BM_SerialRoundTrip(benchmark::State& state, Case c) {
     };
     Floor floor(c.tcp, port);
     std::string error;
-    // Untimed first rounds: lazy set-up on either side is not what is measured.
-    double us = 0;
-    if (floor.start(r.modem->path(), &error) && floor.sample(milliseconds(0), &us, &error) &&
-        !send()) {
-        error = "library: wrong result or reply";
-    }
     std::vector<double> lib_us, floor_us;
-    const milliseconds gap = c.spaced ? kSpacing / 2 : milliseconds(0);
+    // Untimed first rounds: lazy set-up on either side is not what is measured.
+    if (!send()) {
+        error = "library: wrong result or reply";
+    } else {
+        libdiag_sim::close_idle_port();
+        if (floor.block(1, r.modem->path(), milliseconds(0), &floor_us, &error)) floor_us.clear();
+    }
+    const milliseconds gap = c.spaced ? kSpacing : milliseconds(0);
     if (!error.empty()) state.SkipWithError(error.c_str());
+    int in_block = 0;
     for (auto _ : state) {
         std::this_thread::sleep_for(gap);
         Clock::time_point t0 = Clock::now();
@@ -411,11 +429,15 @@ void BM_SerialRoundTrip(benchmark::State& state, Case c) {
         state.SetIterationTime(lib_s);
         lib_us.push_back(lib_s * 1e6);
         if (!sent) error = "library: wrong result or reply";
-        if (!error.empty() || !floor.sample(gap, &us, &error)) {
+        if (error.empty() && ++in_block == kBlock) {
+            in_block = 0;
+            libdiag_sim::close_idle_port();
+            floor.block(kBlock, r.modem->path(), gap, &floor_us, &error);
+        }
+        if (!error.empty()) {
             state.SkipWithError(error.c_str());
             break;
         }
-        floor_us.push_back(us);
     }
     // The last wait timer ends before the next case.
     std::this_thread::sleep_for(kSpacing);

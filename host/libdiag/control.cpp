@@ -14,6 +14,8 @@
 //                             hex bytes with or without blanks; '#' starts a comment; replies
 //                             come from the local processor
 //   LIBDIAG_SIM_TRACE=1       print every libdiag call (and every port frame) to stderr
+//   LIBDIAG_LINGER_MS         how long a port stays open after a connection, for the next one
+//                             (default 200; 0 closes it at once)
 // Read at every Diag_LSM_Init:
 //   LIBDIAG_PORT              a modem's diag port instead of the simulated modem: a device
 //                             (/dev/ttyUSB0) or tcp:HOST:PORT
@@ -109,6 +111,7 @@ State::State()
     settings.remote_mask = env_number("LIBDIAG_SIM_REMOTE_MASK", 0, 0xFFFF);
     settings.support_list = env_number("LIBDIAG_SIM_SUPPORT_LIST", 0x0002, 0xFFFF);
     settings.responders = env_number("LIBDIAG_SIM_RESPONDERS", 0, 0xFFFF);
+    settings.linger = milliseconds(env_number("LIBDIAG_LINGER_MS", 200, 60000));
     if (const char* path = getenv("LIBDIAG_SIM_ANSWERS"); path && *path) {
         answers_broken = !load_answers_file(path, &settings.answers);
     }
@@ -148,10 +151,10 @@ bool State::connect(Released* released) {
     diag_wire::FramingKind framing = framing_env();
     if (port == nullptr || port->address() != address || port->framing() != framing) {
         released->port = std::move(port);
-        port = std::make_unique<PortModem>(address, framing, this);
+        port = std::make_unique<PortModem>(address, framing, settings.linger, this);
     }
     std::string error;
-    if (!port->connect(&error)) {
+    if (!port->connect(&released->stale, &error)) {
         fprintf(stderr, "libdiag: cannot open diag port %s: %s\n", address, error.c_str());
         return false;
     }
@@ -411,6 +414,13 @@ int logging_mode() {
 
 PortStats port_stats() {
     return locked([](State& s) { return s.port != nullptr ? s.port->stats() : PortStats{}; });
+}
+
+void close_idle_port() {
+    Released released;  // closes once the lock is released
+    locked([&](State& s) {
+        if (!s.on_port && s.port != nullptr) released.stale = s.port->take_idle();
+    });
 }
 
 std::string port_note() {

@@ -66,39 +66,44 @@ std::string process_name(int pid) {
     return "process " + std::to_string(pid) + (name.empty() ? "" : " (" + name + ")");
 }
 
-// The flock(2) locks of other processes on the file |st| names, from /proc/locks: the pid of
-// the holder (0: none, or not told) and whether any process waits for it.
-struct Locks {
-    int holder = 0;
-    bool waiters = false;
-};
-
-Locks flocks_of_others(const struct stat& st) {
-    Locks locks;
+// Who else holds a flock(2) lock on the file |st| names, from /proc/locks; 0 when nobody (or not
+// told). Reading /proc/locks can stall for milliseconds: only for a port found busy.
+int lock_holder(const struct stat& st) {
     std::ifstream in("/proc/locks");
     std::string line;
     while (std::getline(in, line)) {
-        // "1: FLOCK  ADVISORY  WRITE 1234 00:19:7 0 EOF", a waiter as "1: -> FLOCK ..."
+        // "1: FLOCK  ADVISORY  WRITE 1234 00:19:7 0 EOF"; a waiter's line has "->" after the id
         std::istringstream f(line);
         std::string id, type, mode, access, dev;
         int pid = 0;
-        f >> id >> type;
-        bool waiting = type == "->";
-        if (waiting) f >> type;
-        f >> mode >> access >> pid >> dev;
+        f >> id >> type >> mode >> access >> pid >> dev;
         unsigned maj = 0, min = 0;
         unsigned long long ino = 0;
-        if (type != "FLOCK" || sscanf(dev.c_str(), "%x:%x:%llu", &maj, &min, &ino) != 3 ||
-            makedev(maj, min) != st.st_dev || ino != st.st_ino || pid == getpid()) {
-            continue;
-        }
-        if (waiting) {
-            locks.waiters = true;
-        } else {
-            locks.holder = pid;
+        if (type == "FLOCK" && sscanf(dev.c_str(), "%x:%x:%llu", &maj, &min, &ino) == 3 &&
+            makedev(maj, min) == st.st_dev && ino == st.st_ino && pid != getpid()) {
+            return pid;
         }
     }
-    return locks;
+    return 0;
+}
+
+// A link that waits for a device's lock says so with a read lock on the device's first byte, an
+// open file description lock, which no flock(2) conflicts with: the holder can tell that someone
+// waits with one call.
+void mark_waiting(int fd, bool waiting) {
+    struct flock fl {};
+    fl.l_type = waiting ? F_RDLCK : F_UNLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_len = 1;
+    fcntl(fd, F_OFD_SETLK, &fl);
+}
+
+bool others_wait(int fd) {
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_len = 1;
+    return fcntl(fd, F_OFD_GETLK, &fl) == 0 && fl.l_type != F_UNLCK;
 }
 
 // The index of the pty whose master |pid|'s descriptor |fd| holds, or -1.
@@ -131,6 +136,7 @@ struct LockWait {
         std::thread([w, fd] {
             while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
             }
+            mark_waiting(fd, false);
             std::lock_guard<std::mutex> lk(w->mu);
             if (!w->cancelled) {
                 w->locked = true;
@@ -173,19 +179,8 @@ class FdLink : public Link {
             std::lock_guard<std::mutex> lk(lock_wait_->mu);
             lock_wait_->cancelled = true;
         }
-        // Exclusive use lasts as long as the terminal stays open, and another process (the
-        // modem itself, on a pty) may hold it open after us.
-        struct stat st;
-        bool hand_over = is_tty_ && ready_ && fstat(fd_, &st) == 0 && flocks_of_others(st).waiters;
-        if (is_tty_) ioctl(fd_, TIOCNXCL);
-        close(fd_);
+        close_port();
         close(wake_);
-        // A process that waits for the port gets it before this one can take it again: the
-        // kernel wakes waiters but lets whoever comes first have the lock.
-        for (auto end = Clock::now() + kHandOverLimit;
-             hand_over && flocks_of_others(st).holder == 0 && Clock::now() < end;) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
         errno = saved_errno;
     }
 
@@ -206,7 +201,49 @@ class FdLink : public Link {
         return ready_ ? "" : holder_;
     }
 
+    bool others_waiting() const override {
+        std::lock_guard<std::mutex> lk(out_mu_);
+        return is_tty_ && fd_ >= 0 && others_wait(fd_);
+    }
+
+    void linger(Clock::time_point until) override {
+        std::lock_guard<std::mutex> lk(out_mu_);
+        lingering_ = true;
+        linger_until_ = until;
+        wake(wake_);
+    }
+
+    bool resume() override {
+        std::lock_guard<std::mutex> lk(out_mu_);
+        lingering_ = false;
+        return !gone_.load(std::memory_order_relaxed);
+    }
+
   private:
+    // Closes the port, handing it over to a process that waits for it: the kernel wakes such a
+    // waiter but lets whoever comes first have the lock, and this process may come back at once.
+    void close_port() {
+        int watch = -1;
+        {
+            std::lock_guard<std::mutex> lk(out_mu_);
+            if (fd_ < 0) return;
+            // Exclusive use lasts as long as the terminal stays open, and another process (the
+            // modem itself, on a pty) may hold it open after us.
+            if (is_tty_) ioctl(fd_, TIOCNXCL);
+            // Watched from a descriptor that holds no lock until the waiter has taken it.
+            if (is_tty_ && ready_ && others_wait(fd_)) {
+                watch = open(address_.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+            }
+            close(fd_);
+            fd_ = -1;
+        }
+        for (auto end = Clock::now() + kHandOverLimit;
+             watch >= 0 && others_wait(watch) && Clock::now() < end;) {
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+        if (watch >= 0) close(watch);
+    }
+
     // False when the port failed; |write_error_| says how. Caller holds out_mu_.
     bool flush_locked() {
         while (!out_.empty()) {
@@ -250,18 +287,30 @@ class FdLink : public Link {
         while (why.empty() && !stop_.load(std::memory_order_relaxed)) {
             int timeout = -1;
             short events = ready ? POLLIN : 0;
+            bool expired = false;
             {
                 std::lock_guard<std::mutex> lk(out_mu_);
                 if (write_error_ != 0) {
                     why = "write: " + error_text(write_error_);
                     break;
                 }
+                if (lingering_) {
+                    auto left = linger_until_ - Clock::now();
+                    expired = left <= Clock::duration::zero();
+                    timeout = static_cast<int>(std::chrono::ceil<milliseconds>(left).count());
+                    if (expired) gone_.store(true, std::memory_order_relaxed);
+                }
                 if (ready && !out_.empty()) {
                     events |= POLLOUT;
                     auto left = out_since_ + kWriteLimit - Clock::now();
-                    timeout = static_cast<int>(
+                    int write_left = static_cast<int>(
                             std::max<long long>(0, std::chrono::ceil<milliseconds>(left).count()));
+                    timeout = timeout < 0 ? write_left : std::min(timeout, write_left);
                 }
+            }
+            if (expired) {
+                close_port();
+                return;
             }
             pollfd fds[2] = {{ready ? fd_ : -1, events, 0}, {wake_, POLLIN, 0}};
             if (poll(fds, 2, timeout) < 0) {
@@ -314,7 +363,7 @@ class FdLink : public Link {
     }
 
     const std::string address_;
-    const int fd_;
+    int fd_;          // -1 once closed; changed under out_mu_
     const int wake_;  // eventfd that interrupts the I/O thread's poll
     LinkSink* const sink_;
     const bool is_tty_;
@@ -325,6 +374,8 @@ class FdLink : public Link {
 
     mutable std::mutex out_mu_;
     bool ready_;
+    bool lingering_ = false;
+    Clock::time_point linger_until_;
     std::vector<uint8_t> out_;  // bytes not written yet
     Clock::time_point out_since_;
     int write_error_ = 0;
@@ -402,8 +453,9 @@ std::unique_ptr<Link> open_device(const std::string& path, LinkSink* sink, std::
         return nullptr;
     }
     if (!locked) {
+        mark_waiting(fd, true);
         struct stat st;
-        int pid = fstat(fd, &st) == 0 ? flocks_of_others(st).holder : 0;
+        int pid = fstat(fd, &st) == 0 ? lock_holder(st) : 0;
         holder = pid > 0 ? process_name(pid) : "another process";
     }
     return std::make_unique<FdLink>(path, fd, sink, waiter_fd, std::move(holder), true);

@@ -38,6 +38,12 @@ class Link {
     // While another process keeps the port: who, as far as /proc tells ("process 123 (name)",
     // or "another process"); "" once the port is ours.
     virtual std::string waiting_for() const = 0;
+    // Whether another process waits for the port's lock (a device's only).
+    virtual bool others_waiting() const = 0;
+    // Keeps the port open and idle until |until|, for a connection that may follow, and then
+    // closes it, quietly. resume() takes it back; false when it has closed or gone meanwhile.
+    virtual void linger(std::chrono::steady_clock::time_point until) = 0;
+    virtual bool resume() = 0;
 };
 
 // A write that the port does not take within this time (the peer stopped reading) is dropped.

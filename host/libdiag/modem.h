@@ -68,19 +68,24 @@ class PortModem : public Modem {
     };
     using ConnectionPtr = std::unique_ptr<Connection, Closer>;
 
-    PortModem(std::string address, diag_wire::FramingKind framing, ModemSink* sink);
+    // A connection's port stays open |linger| after it ends, for the next one.
+    PortModem(std::string address, diag_wire::FramingKind framing, std::chrono::milliseconds linger,
+              ModemSink* sink);
     // Closes a connection still open first.
     ~PortModem() override;
 
     const std::string& address() const { return address_; }
     diag_wire::FramingKind framing() const { return framing_; }
 
-    // Opens the port for a connection; false with the reason in |*error|.
-    bool connect(std::string* error);
-    // Ends the connection: callers still waiting have gone. Destroy what it returns with no
-    // lock held; that closes the port and settles note().
+    // Opens the port for a connection, or takes back the one that lingers; false with the
+    // reason in |*error|. A lingering one that cannot be used goes to |*stale|.
+    bool connect(ConnectionPtr* stale, std::string* error);
+    // Ends the connection: callers still waiting have gone. Its port lingers when nothing went
+    // wrong and no other process waits for it; otherwise it is handed back, to be destroyed with
+    // no lock held, which closes the port and settles note().
     ConnectionPtr disconnect();
-    bool connected() const;
+    // The connection whose port lingers, if any, to be destroyed with no lock held.
+    ConnectionPtr take_idle();
 
     bool send(int proc, const Bytes& request, const Delivery& reply_to) override;
     // The DCI client |client| was released: its requests have no caller any more.
@@ -109,6 +114,7 @@ class PortModem : public Modem {
 
     const std::string address_;
     const diag_wire::FramingKind framing_;
+    const std::chrono::milliseconds linger_;
     ModemSink* const sink_;
     const std::unique_ptr<diag_wire::Framing> encoder_;  // encodes only
 

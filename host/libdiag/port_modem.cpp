@@ -78,9 +78,11 @@ class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink
     std::unique_ptr<Link> link_;  // last: its thread goes first
 };
 
-PortModem::PortModem(std::string address, FramingKind framing, ModemSink* sink)
+PortModem::PortModem(std::string address, FramingKind framing, std::chrono::milliseconds linger,
+                     ModemSink* sink)
     : address_(std::move(address)),
       framing_(framing),
+      linger_(linger),
       sink_(sink),
       encoder_(open_framing(framing, nullptr)) {}
 
@@ -92,10 +94,18 @@ void PortModem::Closer::operator()(Connection* c) const {
     delete c;
 }
 
-bool PortModem::connect(std::string* error) {
+bool PortModem::connect(ConnectionPtr* stale, std::string* error) {
     uint64_t session;
     {
         std::lock_guard<std::mutex> lk(mu_);
+        if (connection_ != nullptr) {
+            Link& link = connection_->link();
+            if (link.resume() && !link.others_waiting()) {
+                note_.clear();
+                return true;
+            }
+            *stale = std::move(connection_);
+        }
         session = ++sessions_;
     }
     ConnectionPtr c(new Connection(this, session));
@@ -114,19 +124,27 @@ bool PortModem::connect(std::string* error) {
 
 PortModem::ConnectionPtr PortModem::disconnect() {
     std::lock_guard<std::mutex> lk(mu_);
-    if (connection_ != nullptr && pending_.waiting() > 0) connection_->set_unanswered();
+    if (connection_ == nullptr) return nullptr;
+    Link& link = connection_->link();
+    const bool unanswered = pending_.waiting() > 0;
     // Requests that never left (the port was another process's all along) get no late answer.
-    if (connection_ != nullptr && !connection_->link().waiting_for().empty()) {
+    if (!link.waiting_for().empty()) {
         const uint64_t session = sessions_;
         pending_.forget([session](const Sent& s) { return s.session == session; });
     }
     pending_.orphan([](const Sent&) { return true; });
+    if (!unanswered && linger_.count() > 0 && link.alive() && link.waiting_for().empty() &&
+        !link.others_waiting()) {
+        link.linger(Clock::now() + linger_);
+        return nullptr;
+    }
+    if (unanswered) connection_->set_unanswered();
     return std::move(connection_);
 }
 
-bool PortModem::connected() const {
+PortModem::ConnectionPtr PortModem::take_idle() {
     std::lock_guard<std::mutex> lk(mu_);
-    return connection_ != nullptr && connection_->link().alive();
+    return std::move(connection_);
 }
 
 bool PortModem::send(int, const Bytes& request, const Delivery& reply_to) {

@@ -26,6 +26,7 @@ constexpr int kNoMode = -1;
 
 struct Settings {
     milliseconds delay{0};
+    milliseconds linger{200};  // a port stays open this long after a connection
     uint16_t remote_mask = 0;
     uint16_t support_list = 0x0002;
     uint16_t responders = 0;
@@ -60,6 +61,7 @@ struct Outcome {
 // which may be waiting for the lock.
 struct Released {
     PortModem::ConnectionPtr connection;
+    PortModem::ConnectionPtr stale;  // a lingering one that could not be taken back
     std::unique_ptr<PortModem> port;
 };
 
@@ -117,6 +119,7 @@ class State : public ModemSink {
             record(std::move(c), o);
         }
         released.connection.reset();  // closes the port: its thread may want the lock
+        released.stale.reset();
         released.port.reset();
         // Last, so that nothing clobbers it.
         if (o.err != 0) errno = o.err;

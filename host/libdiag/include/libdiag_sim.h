@@ -97,6 +97,9 @@ struct PortStats {
     uint64_t foreign = 0;      // frames of the other framing (non-HDLC ones at HDLC)
 };
 PortStats port_stats();
+// Closes the port that lingers open after its last connection (LIBDIAG_LINGER_MS), so that
+// another user can have it now; a connection open on it stays.
+void close_idle_port();
 // What the last connection to the port that left requests unanswered found out: the port was
 // busy, the modem seems to speak the other framing, or other processes have the port open.
 // Empty when it found nothing (or no port is in use).
