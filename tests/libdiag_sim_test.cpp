@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <atomic>
 #include <fstream>
+#include <mutex>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -9,6 +10,7 @@
 #include "answers_file.h"
 #include "libdiag_sim.h"
 #include "tolven_diag_platform.h"
+#include "wire.h"
 
 namespace {
 
@@ -160,6 +162,43 @@ TEST_F(LibdiagSim, AnswersParserAcceptsOrNamesEachLine) {
         EXPECT_EQ(c.reply.empty(), p.lines[0].silent);
         EXPECT_EQ(c.delay_ms, p.lines[0].delay.count());
     }
+}
+
+// A busy dual-SIM modem: log packets wrapped for each subscription in turn reach the DCI log
+// stream while connected, and stop with the connection; a wrapped request still gets its reply.
+TEST_F(LibdiagSim, TrafficWrappedForSubscriptions) {
+    static std::mutex mu;
+    static std::vector<Bytes> records;
+    records.clear();
+    set_traffic(milliseconds(2), {0, 1});
+    int client = connect_client();
+    auto on_log = [](unsigned char* p, int len) {
+        std::lock_guard<std::mutex> lk(mu);
+        records.emplace_back(p, p + len);
+    };
+    ASSERT_EQ(kDciOk, diag_register_dci_stream_proc(client, on_log, on_log));
+    std::vector<Bytes> got;
+    Bytes req = diag_wire::wrap(1, {0x1C});
+    ASSERT_EQ(kDciOk, diag_send_dci_async_req(client, req.data(), int(req.size()), nullptr, 0,
+                                              on_dci, &got));
+    std::this_thread::sleep_for(milliseconds(60));
+    ASSERT_TRUE(Diag_LSM_DeInit());
+    ASSERT_TRUE(wait_idle());
+    EXPECT_EQ(std::vector<Bytes>{diag_wire::wrap(1, {0x1C, 0x08, 0x00})}, got);
+    size_t seen;
+    {
+        std::lock_guard<std::mutex> lk(mu);
+        seen = records.size();
+        ASSERT_GE(seen, 4u);
+        for (size_t i = 0; i < seen; ++i) {
+            diag_wire::Unwrapped u = diag_wire::unwrap(records[i].data(), records[i].size());
+            EXPECT_TRUE(u.wrapped && u.subscription == (i + 1) % 2) << i;
+            EXPECT_EQ(diag_wire::kLogPacket, u.inner[0]) << i;
+        }
+    }
+    std::this_thread::sleep_for(milliseconds(20));
+    std::lock_guard<std::mutex> lk(mu);
+    EXPECT_EQ(seen, records.size());  // none after the connection ended
 }
 
 // A day-long delay from the API is cut, not overflowed: the answer is still pending afterwards.

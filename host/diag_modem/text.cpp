@@ -87,6 +87,23 @@ bool parse_number(const std::string& text, long long* out) {
     return true;
 }
 
+bool parse_numbers(const std::string& text, long long max, std::vector<uint32_t>* out) {
+    std::vector<uint32_t> numbers;
+    size_t start = 0;
+    for (;;) {
+        size_t comma = text.find(',', start);
+        long long v = 0;
+        if (!parse_number(trim(text.substr(start, comma - start)), &v) || v < 0 || v > max) {
+            return false;
+        }
+        numbers.push_back(static_cast<uint32_t>(v));
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    *out = std::move(numbers);
+    return true;
+}
+
 std::string trim(const std::string& text) {
     size_t b = 0, e = text.size();
     while (b < e && is_blank(text[b])) ++b;

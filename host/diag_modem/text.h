@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "wire.h"
 
@@ -16,6 +17,9 @@ bool parse_hex(const std::string& text, Bytes* out, std::string* group, std::str
 // Decimal or 0x hex, with an optional '-', nothing else around it. Values far beyond any range a
 // caller checks saturate instead of failing.
 bool parse_number(const std::string& text, long long* out);
+
+// A comma-separated list of such numbers, each 0 to |max|, as "0,1,7".
+bool parse_numbers(const std::string& text, long long max, std::vector<uint32_t>* out);
 
 // |text| without blanks at either end.
 std::string trim(const std::string& text);

@@ -112,6 +112,16 @@ State::State()
     settings.support_list = env_number("LIBDIAG_SIM_SUPPORT_LIST", 0x0002, 0xFFFF);
     settings.responders = env_number("LIBDIAG_SIM_RESPONDERS", 0, 0xFFFF);
     settings.linger = milliseconds(env_number("LIBDIAG_LINGER_MS", 200, 60000));
+    settings.log_every = milliseconds(env_number("LIBDIAG_SIM_LOG_EVERY_MS", 0, 60000));
+    if (const char* subs = getenv("LIBDIAG_SIM_SUBSCRIPTIONS"); subs && *subs) {
+        if (!diag_wire::parse_numbers(subs, 0xFFFFFFFFLL, &settings.subscriptions)) {
+            fprintf(stderr,
+                    "libdiag: ignoring LIBDIAG_SIM_SUBSCRIPTIONS=%s (want numbers such as 0,1)\n",
+                    subs);
+            settings.subscriptions.clear();
+        }
+    }
+    traffic_ = diag_modem::Traffic(settings.subscriptions);
     if (const char* path = getenv("LIBDIAG_SIM_ANSWERS"); path && *path) {
         answers_broken = !load_answers_file(path, &settings.answers);
     }
@@ -146,6 +156,7 @@ bool State::connect(Released* released) {
     on_port = false;
     if (address == nullptr) {
         connected = true;
+        if (settings.log_every.count() > 0) schedule_traffic(settings.log_every);
         return true;
     }
     diag_wire::FramingKind framing = framing_env();
@@ -224,8 +235,33 @@ void State::stream(const Bytes& record, bool log) {
     }
 }
 
+void State::schedule_traffic(milliseconds after) {
+    Delivery tick;
+    tick.kind = Kind::kTraffic;
+    tick.epoch = epoch;
+    tick.task = [this, e = epoch, gen = traffic_gen_] {
+        std::lock_guard<std::mutex> lk(mu);
+        if (!connected || e != epoch || gen != traffic_gen_ || on_port ||
+            settings.log_every.count() == 0) {
+            return;
+        }
+        stream(traffic_.next_log(), true);
+        schedule_traffic(settings.log_every);
+    };
+    queue.push(std::move(tick), Clock::now() + after);
+}
+
+void State::restart_traffic() {
+    ++traffic_gen_;
+    traffic_ = diag_modem::Traffic(settings.subscriptions);
+    if (connected && !on_port && settings.log_every.count() > 0) {
+        schedule_traffic(settings.log_every);
+    }
+}
+
 bool State::wanted(const Delivery& d) const {
     if (!connected || d.epoch != epoch) return false;
+    if (d.kind == Kind::kTraffic) return true;
     if (d.kind == Kind::kCallback) return callbacks[d.proc].cb != nullptr;
     return clients.count(d.client) != 0;
 }
@@ -271,6 +307,7 @@ void State::trace(const char* fmt, ...) {
 void State::restore_defaults(Released* released, std::unique_lock<std::mutex>& lk) {
     queue.drop(0, lk);
     settings = Settings{};
+    restart_traffic();
     answers_broken = false;
     std::shared_ptr<AnswerTable> builtin = diag_modem::make_builtin_table();
     simulated.set_table(builtin);
@@ -372,6 +409,14 @@ void set_answer_table(std::unique_ptr<AnswerTable> table) {
     std::shared_ptr<AnswerTable> t = table ? std::move(table) : diag_modem::make_builtin_table();
     locked([&](State& s) { s.simulated.set_table(t); });
     // the old table dies here, outside the lock, once no answer is using it
+}
+
+void set_traffic(milliseconds log_every, std::vector<uint32_t> subscriptions) {
+    locked([&](State& s) {
+        s.settings.log_every = log_every;
+        s.settings.subscriptions = std::move(subscriptions);
+        s.restart_traffic();
+    });
 }
 
 void set_answer_delay(milliseconds delay) {

@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kPieceMax = 4096;
 
-enum class Kind { kDci, kCallback, kStream };
+enum class Kind { kDci, kCallback, kStream, kTraffic };
 
 struct Delivery {
     Kind kind = Kind::kDci;

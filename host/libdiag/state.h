@@ -31,6 +31,8 @@ struct Settings {
     uint16_t support_list = 0x0002;
     uint16_t responders = 0;
     diag_modem::Overrides answers;
+    milliseconds log_every{0};  // the simulated modem's unsolicited log packets
+    std::vector<uint32_t> subscriptions;
 };
 
 struct Programmed {
@@ -140,6 +142,10 @@ class State : public ModemSink {
     bool wanted(const Delivery& d) const;
     // Queues |record| for the log (or event) stream handler of every DCI client.
     void stream(const Bytes& record, bool log);
+    // The simulated modem's next unsolicited log packet, due |after|, for this connection.
+    void schedule_traffic(milliseconds after);
+    // Starts the traffic afresh after its settings changed.
+    void restart_traffic();
 
     // Back to the built-in defaults.
     void restore_defaults(Released* released, std::unique_lock<std::mutex>& lk);
@@ -152,6 +158,8 @@ class State : public ModemSink {
 
   private:
     void record(Call c, const Outcome& o);
+    diag_modem::Traffic traffic_;
+    uint64_t traffic_gen_ = 0;  // ticks of an earlier setting stop
     void schedule(const Answer& a, const Delivery& reply_to, Clock::time_point sent);
 
     bool trace_ = false;

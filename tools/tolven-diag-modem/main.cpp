@@ -66,22 +66,6 @@ bool parse_count(const char* text, long long max, long long* out) {
     return diag_wire::parse_number(text, out) && *out >= 0 && *out <= max;
 }
 
-// "0,1,7": subscription numbers.
-bool parse_subscriptions(const std::string& text, std::vector<uint32_t>* out) {
-    size_t start = 0;
-    do {
-        size_t comma = text.find(',', start);
-        long long v = 0;
-        if (!diag_wire::parse_number(text.substr(start, comma - start), &v) || v < 0 ||
-            v > 0xFFFFFFFFLL) {
-            return false;
-        }
-        out->push_back(static_cast<uint32_t>(v));
-        start = comma == std::string::npos ? comma : comma + 1;
-    } while (start != std::string::npos);
-    return true;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -161,8 +145,7 @@ int main(int argc, char** argv) {
                 }
                 break;
             case kSubscriptions:
-                options.subscriptions.clear();
-                if (!parse_subscriptions(optarg, &options.subscriptions)) {
+                if (!diag_wire::parse_numbers(optarg, 0xFFFFFFFFLL, &options.subscriptions)) {
                     return usage_error(std::string("--subscriptions: expected numbers such as "
                                                    "0,1, not '") +
                                        optarg + "'");

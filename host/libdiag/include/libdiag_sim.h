@@ -74,6 +74,11 @@ void set_support_list(uint16_t list);
 // the local one, with the same reply.
 void set_remote_responders(uint16_t mask);
 
+// Unsolicited traffic of the simulated modem while connected: a log packet every |log_every|
+// (0: none), wrapped for |subscriptions| in turn (empty: plain), to the log stream handlers of
+// the DCI clients, as a busy modem sends them.
+void set_traffic(std::chrono::milliseconds log_every, std::vector<uint32_t> subscriptions = {});
+
 // Log and event stream records, delivered on the simulator's thread to the stream handlers of
 // every registered DCI client.
 void emit_log_record(const Bytes& record);
