@@ -1,8 +1,11 @@
 // Back-to-back synchronous sends from 8 threads, both transports mixed, replies of 1 to 16,384
 // bytes (several DCI pieces), callback mode with four answering processors, and fire-and-forget
 // sends in between. Every result and every reply byte is checked against the simulated modem.
+// Then the same over a diag port to a dual-SIM modem whose log traffic, wrapped for each
+// subscription, comes before every reply and all along.
 //
-// TOLVEN_STRESS_SECONDS sets the length of the run (default 20); TOLVEN_STRESS_SEED replays one.
+// TOLVEN_STRESS_SECONDS sets the length of the run (default 20, the port's half of it);
+// TOLVEN_STRESS_SEED replays one.
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,7 +23,9 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
+#include "answer_table.h"
 #include "libdiag_sim.h"
+#include "pty_modem.h"
 #include "tolven_diag.h"
 #include "tolven_utils_host.h"
 
@@ -268,6 +273,115 @@ TEST(Stress, BackToBackSendsFromEightThreads) {
     for (const std::string& f : tally.failures) ADD_FAILURE() << f;
     EXPECT_GT(tally.fire.load(), 0);
     EXPECT_GT(tally.sends.load(), 100);
+}
+
+// A command for the port: plain or wrapped for a subscription, of every size the library takes,
+// with the modem's own reply.
+Expect make_port_command(std::mt19937& rng, bool callback, diag_modem::AnswerTable& table) {
+    const int wrapper = std::uniform_int_distribution<int>(0, 2)(rng) == 0 ? 0 : 8;
+    Expect e;
+    for (;;) {
+        int kind = std::uniform_int_distribution<int>(0, 9)(rng);
+        Bytes packet;
+        if (kind < 2) {
+            packet = {static_cast<uint8_t>(kind == 0 ? 0x00 : 0x7C)};
+        } else if (kind < 5) {
+            size_t payload = std::uniform_int_distribution<size_t>(0, 4092 - wrapper)(rng);
+            packet = {0x4B, 0xFE, 0x01, 0x00};
+            for (size_t i = 0; i < payload; ++i) packet.push_back(static_cast<uint8_t>(rng()));
+        } else {
+            int max = (callback ? kCallbackMaxRsp : kMaxSimReply) - 4 - wrapper;
+            Bytes n = le16(std::uniform_int_distribution<int>(0, max)(rng));
+            packet = {0x4B, 0xFE, 0x02, 0x00, n[0], n[1]};
+        }
+        e.request = wrapper == 0
+                            ? packet
+                            : diag_wire::wrap(std::uniform_int_distribution<uint32_t>(0, 1)(rng),
+                                              packet);
+        e.reply = table.answer(0, e.request).responses[0].bytes;
+        if (!full_pieces(e.reply.size())) break;
+    }
+    e.answered = true;
+    return e;
+}
+
+TEST(Stress, BackToBackOverAPortThroughWrappedTraffic) {
+    const auto run_for = std::chrono::seconds(env_int("TOLVEN_STRESS_SECONDS", 20)) / 2;
+    const unsigned seed = static_cast<unsigned>(
+            env_int("TOLVEN_STRESS_SEED", static_cast<int>(std::random_device{}() & 0x7FFFFFFF)));
+    printf("TOLVEN_STRESS_SEED=%u TOLVEN_STRESS_SECONDS=%lld\n", seed,
+           static_cast<long long>(run_for.count() * 2));
+    pty_modem::Options options;
+    options.subscriptions = {0, 1};
+    options.logs_before_reply = 5;
+    options.log_every = 1ms;
+    options.event_every = 3ms;
+    options.corrupt_every = 7;
+    std::string error;
+    std::unique_ptr<pty_modem::Modem> modem = pty_modem::Modem::open(options, &error);
+    ASSERT_NE(modem, nullptr) << error;
+    modem->start();
+    setenv("LIBDIAG_PORT", modem->path().c_str(), 1);
+    libdiag_sim::reset();
+    __android_log_set_logger(discard_logger);
+    tolven_utils_host_set_logcat_levels((1u << 1) | (1u << 4));
+    tolven_utils_host_set_shell_levels(0);
+
+    Tally tally;
+    const Clock::time_point end = Clock::now() + run_for;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(seed + t);
+            std::unique_ptr<diag_modem::AnswerTable> table = diag_modem::make_builtin_table();
+            while (Clock::now() < end) {
+                const bool callback = std::uniform_int_distribution<int>(0, 1)(rng) == 1;
+                Expect e = make_port_command(rng, callback, *table);
+                int capacity = std::uniform_int_distribution<int>(0, 3)(rng) == 0
+                                       ? std::uniform_int_distribution<int>(
+                                                 1, static_cast<int>(e.reply.size()))(rng)
+                                       : 16384;
+                Bytes buf(capacity + 64, kSentinel);
+                int reply_len = capacity;
+                const int len = static_cast<int>(e.request.size());
+                int result =
+                        callback
+                                ? tolven_diag_cmd_send_with_result_by_callback_mode(
+                                          e.request.data(), len, kTimeoutMs, buf.data(), &reply_len)
+                                : tolven_diag_cmd_send_with_result(
+                                          e.request.data(), len, kTimeoutMs, buf.data(), &reply_len);
+                tally.sends++;
+                (callback ? tally.callback : tally.dci)++;
+                const int want = std::min<int>(capacity, static_cast<int>(e.reply.size()));
+                const std::string what = std::string(callback ? "callback" : "dci") + " " +
+                                         hex_prefix(e.request) + "(" + std::to_string(len) +
+                                         " bytes): result " + std::to_string(result) +
+                                         ", reply_len " + std::to_string(reply_len) + ", want " +
+                                         std::to_string(want);
+                if (result != 0 || reply_len != want ||
+                    !std::equal(buf.begin(), buf.begin() + want, e.reply.begin())) {
+                    tally.fail(what + ": wrong result or reply");
+                }
+                if (std::any_of(buf.begin() + capacity, buf.end(),
+                                [](uint8_t b) { return b != kSentinel; })) {
+                    tally.fail(what + ": written past the capacity");
+                }
+            }
+        });
+    }
+    for (std::thread& th : threads) th.join();
+    libdiag_sim::PortStats st = libdiag_sim::port_stats();
+    printf("%ld sends over the port (%ld DCI, %ld callback); %llu frames, %llu unsolicited, %llu "
+           "dropped, %llu late\n",
+           tally.sends.load(), tally.dci.load(), tally.callback.load(),
+           static_cast<unsigned long long>(st.frames),
+           static_cast<unsigned long long>(st.unsolicited),
+           static_cast<unsigned long long>(st.dropped), static_cast<unsigned long long>(st.late));
+    for (const std::string& f : tally.failures) ADD_FAILURE() << f;
+    EXPECT_GT(tally.sends.load(), 100);
+    EXPECT_EQ(st.replies, static_cast<uint64_t>(tally.sends.load()));
+    libdiag_sim::reset();  // the port closes before the modem goes
+    unsetenv("LIBDIAG_PORT");
 }
 
 }  // namespace
