@@ -48,6 +48,8 @@ void tolven_utils_syslog_err(const char* fmt, ...) __attribute__((format(printf,
 #define PROPERTY_VALUE_MAX 92
 #endif
 int property_get(const char* key, char* value, const char* default_value);
+/* Sets |key| to |value|; returns 0, or a negative value on failure. Used by tolven-diag. */
+int property_set(const char* key, const char* value);
 
 #ifdef __cplusplus
 }

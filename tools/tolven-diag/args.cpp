@@ -413,34 +413,6 @@ int parse_args(const std::vector<std::string>& args, Options* out, std::string* 
     return kExitOk;
 }
 
-int effective_timeout_ms(Mode mode, int asked_ms) {
-    int ms = asked_ms;
-    if (mode == Mode::kCallback && (ms < kCallbackTimeoutMinMs || ms > kCallbackTimeoutMaxMs)) {
-        ms = kCallbackTimeoutDefaultMs;
-    }
-    return std::max(ms / kTickMs, 1) * kTickMs;
-}
-
-std::string timeout_note(Mode mode, int asked_ms) {
-    if (mode == Mode::kCallback &&
-        (asked_ms < kCallbackTimeoutMinMs || asked_ms > kCallbackTimeoutMaxMs)) {
-        return "asked " + std::to_string(asked_ms) +
-               " ms; callback mode takes 1 to 60000 ms and uses 3000 otherwise";
-    }
-    if (effective_timeout_ms(mode, asked_ms) != asked_ms) {
-        return "asked " + std::to_string(asked_ms) +
-               " ms; the library counts whole 100 ms ticks, at least one";
-    }
-    return "";
-}
-
-int worker_remaining_ms(Mode mode) {
-    // DCI: 1 s for answers, then 3 s linger; callback: 200 ms, then 3 s. The call held 1 s of
-    // it; the rest covers set-up and tear-down.
-    constexpr int kMarginMs = 500;
-    return (mode == Mode::kDci ? 3000 : 2200) + kMarginMs;
-}
-
 const char* mode_name(Mode mode) {
     return mode == Mode::kDci ? "dci" : "callback";
 }

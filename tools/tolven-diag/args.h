@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "library_model.h"
 #include "text.h"
 
 namespace tolven_diag_tool {
@@ -17,7 +18,6 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
-constexpr int kMaxPacket = 4096;
 // Far above any reply the library can collect; keeps a typo from allocating gigabytes.
 constexpr int kMaxCapacity = 1 << 20;
 constexpr int kDefaultTimeoutMs = 3000;
@@ -26,20 +26,7 @@ constexpr int kMaxLingerMs = 600000;
 constexpr int kMaxCount = 1000000;
 constexpr int kDefaultIntervalMs = 1000;
 constexpr int kMaxIntervalMs = 3600000;
-// The library's offline-log directory buffer; the last byte is the terminator.
-constexpr int kOfflineDirSize = 500;
 
-// The library's wait: callback mode replaces a time-out outside 1..60000 ms by 3000 ms; both
-// modes count whole 100 ms ticks and wait at least one.
-constexpr int kTickMs = 100;
-constexpr int kCallbackTimeoutMinMs = 1;
-constexpr int kCallbackTimeoutMaxMs = 60000;
-constexpr int kCallbackTimeoutDefaultMs = 3000;
-// Callback mode drops larger responses; the simulated modem never sends more than 16384 bytes.
-constexpr int kCallbackMaxResponse = 10240;
-constexpr int kDciPieceLen = 4096;
-
-enum class Mode { kDci, kCallback };
 enum class Action { kSend, kNoWait, kMdm, kOfflineLogDir, kHelp, kVersion };
 
 struct Options {
@@ -64,14 +51,6 @@ struct Options {
 // Parses the arguments after the program name. Returns kExitOk with |*out| filled, or
 // kExitUsage with a one-line message in |*error| (without the program name).
 int parse_args(const std::vector<std::string>& args, Options* out, std::string* error);
-
-// The wait the library applies to |asked_ms| in |mode|, in milliseconds.
-int effective_timeout_ms(Mode mode, int asked_ms);
-// Why the effective time-out differs from the one asked for; empty when it does not.
-std::string timeout_note(Mode mode, int asked_ms);
-
-// How long a fire-and-forget worker lives after the library's call returned.
-int worker_remaining_ms(Mode mode);
 
 const char* mode_name(Mode mode);
 

@@ -1,0 +1,161 @@
+// What tolven-diag knows of the library (tools/tolven-diag/library_model.h), held against the
+// library itself: the ticks its trace shows for each time limit, how a send that fails does so,
+// how long a fire-and-forget worker lives, and what the offline-log update does with each set of
+// properties. A library that changes any of these makes this fail until the model follows.
+
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "libdiag_sim.h"
+#include "library_model.h"
+#include "properties_host.h"
+#include "test_support.h"
+#include "tolven_diag.h"
+#include "tolven_diag_internal.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using tolven_diag_tool::Mode;
+namespace model = tolven_diag_tool;
+
+SendFn send_fn(Mode mode) {
+    return mode == Mode::kDci ? tolven_diag_cmd_send_with_result_by_dci_mode
+                              : tolven_diag_cmd_send_with_result_by_callback_mode;
+}
+
+const char* mode_name(Mode mode) {
+    return mode == Mode::kDci ? "dci" : "callback";
+}
+
+// The number in the first message that starts with |prefix|, or -99999.
+int traced_number(const LogCapture& log, const std::string& prefix) {
+    for (const std::string& m : log.messages()) {
+        if (m.rfind(prefix, 0) == 0) return atoi(m.c_str() + prefix.size());
+    }
+    return -99999;
+}
+
+class LibraryModel : public DiagTest {};
+
+TEST_F(LibraryModel, TicksOfEveryTimeLimit) {
+    const struct {
+        Mode mode;
+        int asked_ms;
+    } rows[] = {
+            {Mode::kDci, 3000},       {Mode::kDci, 250},        {Mode::kDci, 99},
+            {Mode::kDci, 0},          {Mode::kDci, -250},       {Mode::kDci, 60001},
+            {Mode::kDci, 2147483647}, {Mode::kCallback, 3000},  {Mode::kCallback, 250},
+            {Mode::kCallback, 1},     {Mode::kCallback, 0},     {Mode::kCallback, -5},
+            {Mode::kCallback, 60000}, {Mode::kCallback, 60001}, {Mode::kCallback, 2147483647},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(::testing::Message() << mode_name(r.mode) << ", asked " << r.asked_ms);
+        log.clear();
+        ASSERT_EQ(0, send_packet(send_fn(r.mode), {0x1C}, r.asked_ms).result);
+        const int ticks = r.mode == Mode::kDci ? traced_number(log, "Dci Command time = ")
+                                               : traced_number(log, "Command time = ");
+        EXPECT_EQ(model::timeout_ticks(r.mode, r.asked_ms), ticks);
+        EXPECT_EQ(std::max(ticks, 1) * 100, model::effective_timeout_ms(r.mode, r.asked_ms));
+    }
+}
+
+TEST_F(LibraryModel, KindOfEveryFailure) {
+    enum Setup { kSilent, kSendFails, kNothing };
+    const struct {
+        Mode mode;
+        Setup setup;
+        int capacity;
+        model::Failure failure;
+    } rows[] = {
+            {Mode::kDci, kSilent, 64, model::Failure::kTimedOut},
+            {Mode::kCallback, kSilent, 64, model::Failure::kTimedOut},
+            // a time-out that hands back a stale length as long as the capacity
+            {Mode::kDci, kSilent, 3, model::Failure::kTimedOut},
+            {Mode::kDci, kSendFails, 64, model::Failure::kDiagError},
+            {Mode::kCallback, kSendFails, 64, model::Failure::kDiagError},
+            {Mode::kDci, kNothing, 0, model::Failure::kRefused},
+            {Mode::kCallback, kNothing, 0, model::Failure::kRefused},
+    };
+    const int asked_ms = 200;
+    for (const auto& r : rows) {
+        SCOPED_TRACE(::testing::Message()
+                     << mode_name(r.mode) << ", setup " << r.setup << ", capacity " << r.capacity);
+        libdiag_sim::reset();
+        ASSERT_EQ(0, send_packet(send_fn(r.mode), {0x1C}, 3000).result);  // a stored reply
+        libdiag_sim::set_answer({0x1D}, libdiag_sim::Answer{});
+        if (r.setup == kSendFails) {
+            libdiag_sim::program_result(
+                    r.mode == Mode::kDci ? "diag_send_dci_async_req" : "diag_callback_send_data",
+                    r.mode == Mode::kDci ? 1002 : -1);
+        }
+        SendOutcome out = send_packet(send_fn(r.mode), {0x1D}, asked_ms, r.capacity);
+        ASSERT_EQ(1, out.result);
+        const double ms = std::chrono::duration<double, std::milli>(out.elapsed).count();
+        EXPECT_EQ(r.failure,
+                  model::classify_failure(r.mode, asked_ms, r.capacity, out.reply_len, ms));
+    }
+}
+
+TEST_F(LibraryModel, WorkersLifetime) {
+    for (Mode mode : {Mode::kDci, Mode::kCallback}) {
+        SCOPED_TRACE(mode_name(mode));
+        ASSERT_TRUE(tolven_diag_reset_for_test(10000 * time_scale()));
+        log.clear();
+        const uint8_t packet[] = {0x1C};
+        const int rc = mode == Mode::kDci
+                               ? tolven_diag_cmd_send_without_result(packet, 1)
+                               : tolven_diag_cmd_send_without_result_by_callback_mode(packet, 1);
+        ASSERT_EQ(0, rc);
+        auto returned = std::chrono::steady_clock::now();
+        ASSERT_TRUE(log.wait_for("_thread_proc: function exit <-------------"));
+        const auto lived = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   std::chrono::steady_clock::now() - returned)
+                                   .count();
+        // The model waits a little longer than the worker lives, never less.
+        EXPECT_LE(lived, model::worker_remaining_ms(mode));
+        EXPECT_GE(lived, model::worker_remaining_ms(mode) - 1000 * time_scale());
+    }
+}
+
+TEST_F(LibraryModel, OfflineLogUpdateActsExactlyWhenThePropertiesSaySo) {
+    const std::vector<std::vector<std::string>> rows = {
+            {"", "", "", ""},  // all unset
+            {"modem", "modem", "modem", "true"},
+            {"modem", "modem", "modem", "TRUE"},
+            {"modem", "modem", "modem", "1"},
+            {"modem", "other", "modem", "true"},
+            {"modem", "modem", "gps", "true"},
+            {"null", "null", "null", "true"},
+            {"", "", "", "true"},
+            {"gps", "gps", "gps", "true"},
+    };
+    for (const auto& set : rows) {
+        SCOPED_TRACE(::testing::PrintToString(set));
+        log.clear();
+        std::vector<std::string> read;  // as the library reads them, defaults for unset ones
+        for (size_t i = 0; i < set.size(); ++i) {
+            const model::OfflineLogProperty& p = model::kOfflineLogProperties[i];
+            property_set(p.key, set[i].c_str());
+            read.push_back(set[i].empty() ? p.fallback : set[i]);
+        }
+        char dir[model::kOfflineDirSize] = "old";
+        diag_mdlog_update_output_dir_for_offline_log_auto_start("d", dir, model::kOfflineDirSize);
+        const bool acts = std::string(dir) != "old";
+        EXPECT_EQ(model::offline_log_failures(read).empty(), acts);
+        if (acts) {
+            EXPECT_EQ(std::string(model::kOfflineLogRoot) + "d", dir);
+        }
+        // The defaults the model puts in for unset properties are the library's.
+        EXPECT_TRUE(log.has("-------- Offline log, switch: " + read[0] + ", prop_tr: " + read[1] +
+                            ", module: " + read[2] + ", enable: " + read[3]));
+    }
+}
+
+}  // namespace

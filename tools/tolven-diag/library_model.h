@@ -1,0 +1,69 @@
+// What libtolven_diag does with what the tool hands it, for the tool to tell its user. This
+// mirrors the library: its synchronous sends (the packets and capacities they refuse, how a time
+// limit becomes 100 ms ticks with callback mode's range and default, the largest callback
+// response, DCI replies of whole 4096-byte pieces, and how a send that fails does so), its
+// fire-and-forget workers (how long one lives after the call returns) and its offline-log update
+// (the four property tests and the directory it names). The library says none of this through
+// its interface; tests/tool_library_model_test.cpp holds each part against the library itself.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tolven_diag_tool {
+
+enum class Mode { kDci, kCallback };
+
+// A command packet has 1 to this many bytes.
+constexpr int kMaxPacket = 4096;
+// The time limit is counted in ticks of this many milliseconds. Callback mode takes a limit of
+// kCallbackTimeoutMinMs to kCallbackTimeoutMaxMs and puts kCallbackTimeoutDefaultMs in place of
+// anything else; DCI mode takes any value.
+constexpr int kTickMs = 100;
+constexpr int kCallbackTimeoutMinMs = 1;
+constexpr int kCallbackTimeoutMaxMs = 60000;
+constexpr int kCallbackTimeoutDefaultMs = 3000;
+// Callback mode drops larger responses.
+constexpr int kCallbackMaxResponse = 10240;
+// A DCI reply arrives in pieces of at most this many bytes; a whole one means that more follows.
+constexpr int kDciPieceLen = 4096;
+// The offline-log update's directory buffer; the last byte is the terminator.
+constexpr int kOfflineDirSize = 500;
+constexpr char kOfflineLogRoot[] = "/data/vendor/modem/diag_logs/";
+
+// The ticks the library counts for |asked_ms|: what its trace shows as "Command time = N *
+// 100ms" (callback mode) or "Dci Command time = N". 0 or less still waits one tick.
+int timeout_ticks(Mode mode, int asked_ms);
+// The longest the library waits for a reply, in milliseconds.
+int effective_timeout_ms(Mode mode, int asked_ms);
+// Why the wait differs from |asked_ms|; empty when it does not.
+std::string timeout_note(Mode mode, int asked_ms);
+
+// A reply of |len| bytes that counts as complete only when the time limit runs out.
+bool whole_pieces(Mode mode, int len);
+
+enum class Failure { kRefused, kDiagError, kTimedOut };
+// Why a synchronous send returned 1. The library refuses a capacity of 0 or less before any diag
+// call; a diag call that fails ends the send at once and leaves *reply_len as it was; only the
+// wait for the reply, which ends at the time limit, writes *reply_len.
+Failure classify_failure(Mode mode, int asked_ms, int capacity, int reply_len, double elapsed_ms);
+
+// How long a fire-and-forget worker lives after the call that started it returned.
+int worker_remaining_ms(Mode mode);
+
+// The offline-log update reads these four properties, each with its default when unset.
+struct OfflineLogProperty {
+    const char* key;
+    const char* fallback;
+};
+constexpr OfflineLogProperty kOfflineLogProperties[] = {
+        {"persist.vendor.radio.diag_log_auto", "null"},     // the switch
+        {"persist.vendor.radio.diag_log_trriger", "null"},  // the trigger
+        {"debug.offline_log.module", "null"},
+        {"debug.offline_log.enable", "false"},
+};
+// The update's tests that fail for these values (in the order of kOfflineLogProperties), each
+// said in a line; none: the update acts and names kOfflineLogRoot + its date.
+std::vector<std::string> offline_log_failures(const std::vector<std::string>& values);
+
+}  // namespace tolven_diag_tool

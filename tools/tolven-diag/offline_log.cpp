@@ -1,0 +1,71 @@
+#include "offline_log.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "library_model.h"
+#include "output.h"
+#include "tolven_diag.h"
+#include "tolven_diag_platform.h"
+
+namespace tolven_diag_tool {
+namespace {
+
+std::string dir_state(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) return std::string("missing (") + strerror(errno) + ")";
+    return S_ISDIR(st.st_mode) ? "exists" : "not a directory";
+}
+
+}  // namespace
+
+int offline_log_dir(const Options& o, FILE* out) {
+    for (const auto& [key, value] : o.props) {
+        if (property_set(key.c_str(), value.c_str()) != 0) {
+            error("cannot set property " + printable(key));
+            return kExitFailed;
+        }
+        fprintf(out, "property %s=%s\n", key.c_str(), value.c_str());
+    }
+    char dir[kOfflineDirSize] = {};
+    memcpy(dir, o.out_dir.data(), o.out_dir.size());
+    const std::string before = dir;
+    diag_mdlog_update_output_dir_for_offline_log_auto_start(o.offline_date.c_str(), dir,
+                                                            kOfflineDirSize);
+    dir[kOfflineDirSize - 1] = '\0';
+    fprintf(out, "output dir: %s\n", dir[0] != '\0' ? dir : "(empty)");
+    fprintf(out, "changed: %s\n", before == dir ? "no" : "yes");
+
+    std::vector<std::string> values;
+    for (const OfflineLogProperty& p : kOfflineLogProperties) {
+        char value[PROPERTY_VALUE_MAX] = {};
+        property_get(p.key, value, p.fallback);
+        values.push_back(value);
+    }
+    std::vector<std::string> failed = offline_log_failures(values);
+    if (!failed.empty()) {
+        fprintf(out, "  the update acts only when all four property tests pass:\n");
+        for (const std::string& f : failed) fprintf(out, "  failed: %s\n", f.c_str());
+        return kExitOk;
+    }
+
+    // The library ignores mkdir failures; say what is there.
+    bool all_there = true;
+    for (const std::string& path : {std::string(kOfflineLogRoot), std::string(dir)}) {
+        std::string state = dir_state(path);
+        all_there = all_there && state == "exists";
+        fprintf(out, "  directory %s: %s\n", path.c_str(), state.c_str());
+    }
+    if (!all_there) {
+        error("the update named the directory but could not create it (the library ignores mkdir "
+              "failures)");
+        return kExitFailed;
+    }
+    return kExitOk;
+}
+
+}  // namespace tolven_diag_tool

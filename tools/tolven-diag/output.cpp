@@ -1,0 +1,221 @@
+#include "output.h"
+
+#include <ctype.h>
+
+#include <algorithm>
+#include <memory>
+#include <sstream>
+
+#include <json/json.h>
+
+#include "decode.h"
+#include "library_model.h"
+
+namespace tolven_diag_tool {
+namespace {
+
+constexpr char kProg[] = "tolven-diag";
+
+std::string json_key(const std::string& name) {
+    std::string key;
+    for (char c : name) key += c == ' ' ? '_' : static_cast<char>(tolower(c));
+    return key;
+}
+
+std::string json_hex(const std::vector<uint8_t>& data) {
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string hex;
+    for (uint8_t b : data) {
+        hex += kDigits[b >> 4];
+        hex += kDigits[b & 0x0F];
+    }
+    return hex;
+}
+
+// One object a line, milliseconds to a tenth.
+void write_json(FILE* out, const Json::Value& value) {
+    static const std::unique_ptr<Json::StreamWriter> writer = [] {
+        Json::StreamWriterBuilder b;
+        b["indentation"] = "";
+        b["precision"] = 1;
+        b["precisionType"] = "decimal";
+        return std::unique_ptr<Json::StreamWriter>(b.newStreamWriter());
+    }();
+    std::ostringstream text;
+    writer->write(value, &text);
+    fprintf(out, "%s\n", text.str().c_str());
+}
+
+void print_decoded(FILE* out, const Options& o, const Run& run) {
+    Decoded d;
+    if (o.raw || !decode_reply(o.packet, run.reply.data(), run.reply.size(), &d)) return;
+    if (d.wrapped) fprintf(out, "subscription: %u\n", d.subscription);
+    if (d.kind.empty()) return;
+    fprintf(out, "%s:\n", d.kind.c_str());
+    for (const Field& f : d.fields) fprintf(out, "  %-18s %s\n", f.name.c_str(), f.text.c_str());
+    if (!d.note.empty()) fprintf(out, "  (%s)\n", d.note.c_str());
+}
+
+void print_text(FILE* out, const Options& o, const Run& run, const Run* shown) {
+    std::string tag = o.count > 1 ? "#" + std::to_string(run.seq) + " " : "";
+    if (run.outcome != Outcome::kOk) {
+        std::string after =
+                run.outcome == Outcome::kRefused ? "" : " after " + ms_text(run.elapsed_ms);
+        fprintf(out, "%sreply: none\n%sresult: %d (%s%s)\n", tag.c_str(), tag.c_str(), run.result,
+                outcome_name(run.outcome), after.c_str());
+        error(tag + run.why);
+        return;
+    }
+    bool same = shown != nullptr && shown->reply == run.reply;
+    fprintf(out, "%sreply: %s in %s%s\n", tag.c_str(), bytes_text(run.reply.size()).c_str(),
+            ms_text(run.elapsed_ms).c_str(),
+            same ? (", same as #" + std::to_string(shown->seq)).c_str() : "");
+    if (!same) {
+        dump(out, run.reply.data(), run.reply.size());
+        print_decoded(out, o, run);
+        for (const std::string& n : run.notes) fprintf(out, "note: %s\n", n.c_str());
+    }
+    fprintf(out, "%sresult: 0 (ok)\n", tag.c_str());
+}
+
+void print_json(FILE* out, const Options& o, const Run& run) {
+    Json::Value j;
+    j["seq"] = run.seq;
+    j["request"] = json_hex(o.packet);
+    j["mode"] = mode_name(o.mode);
+    if (!o.port.empty()) j["port"] = o.port;
+    j["timeout_ms"] = effective_timeout_ms(o.mode, o.timeout_ms);
+    j["timeout_asked_ms"] = o.timeout_ms;
+    j["capacity"] = o.capacity;
+    j["result"] = run.result;
+    j["outcome"] = outcome_name(run.outcome);
+    j["elapsed_ms"] = run.elapsed_ms;
+    if (run.outcome != Outcome::kOk) {
+        j["reply"] = Json::Value();
+        j["error"] = run.why;
+        write_json(out, j);
+        error(run.why);
+        return;
+    }
+    j["reply_len"] = static_cast<Json::UInt64>(run.reply.size());
+    j["reply"] = json_hex(run.reply);
+    Decoded d;
+    bool decoded = decode_reply(o.packet, run.reply.data(), run.reply.size(), &d);
+    if (d.wrapped) j["subscription"] = d.subscription;
+    if (!o.raw && decoded && !d.kind.empty()) {
+        Json::Value& fields = j["decoded"];
+        fields["kind"] = d.kind;
+        for (const Field& f : d.fields) {
+            fields[json_key(f.name)] =
+                    f.has_number ? Json::Value(static_cast<Json::Int64>(f.number)) : f.text;
+        }
+        if (!d.note.empty()) fields["note"] = d.note;
+    }
+    for (const std::string& n : run.notes) j["notes"].append(n);
+    write_json(out, j);
+}
+
+double median_of(const std::vector<double>& sorted) {
+    size_t mid = sorted.size() / 2;
+    return sorted.size() % 2 ? sorted[mid] : (sorted[mid - 1] + sorted[mid]) / 2;
+}
+
+}  // namespace
+
+void error(const std::string& message) {
+    fprintf(stderr, "%s: %s\n", kProg, message.c_str());
+}
+
+std::string bytes_text(size_t n) {
+    return std::to_string(n) + (n == 1 ? " byte" : " bytes");
+}
+
+std::string ms_text(double ms) {
+    char text[32];
+    snprintf(text, sizeof text, "%.1f ms", ms);
+    return text;
+}
+
+void dump(FILE* out, const uint8_t* data, size_t len) {
+    for (size_t row = 0; row < len; row += 16) {
+        fprintf(out, "  %04zX ", row);
+        for (size_t i = row; i < row + 16; ++i) {
+            if (i < len) {
+                fprintf(out, " %02X", data[i]);
+            } else {
+                fputs("   ", out);
+            }
+        }
+        fputs("  ", out);
+        for (size_t i = row; i < row + 16 && i < len; ++i) {
+            fputc(isprint(data[i]) ? data[i] : '.', out);
+        }
+        fputc('\n', out);
+    }
+}
+
+std::string port_text(const Options& o) {
+    if (o.port.empty()) return "";
+    return ", port " + o.port + (o.framing.empty() ? "" : " (" + o.framing + ")");
+}
+
+void print_request(FILE* out, const Options& o) {
+    std::string note = timeout_note(o.mode, o.timeout_ms);
+    fprintf(out, "request: %s, %s mode, time-out %d ms%s, capacity %d%s",
+            bytes_text(o.packet.size()).c_str(), mode_name(o.mode),
+            effective_timeout_ms(o.mode, o.timeout_ms),
+            note.empty() ? "" : (" (" + note + ")").c_str(), o.capacity, port_text(o).c_str());
+    if (o.count > 1) fprintf(out, ", %d times every %d ms", o.count, o.interval_ms);
+    fputc('\n', out);
+    dump(out, o.packet.data(), o.packet.size());
+}
+
+void print_run(FILE* out, const Options& o, const Run& run, const Run* shown) {
+    if (o.json) {
+        print_json(out, o, run);
+    } else {
+        print_text(out, o, run, shown);
+    }
+}
+
+void print_summary(FILE* out, const Options& o, const std::vector<Run>& runs) {
+    int counts[4] = {};
+    std::vector<double> latency;
+    for (const Run& r : runs) {
+        counts[static_cast<int>(r.outcome)]++;
+        if (r.outcome == Outcome::kOk) latency.push_back(r.elapsed_ms);
+    }
+    std::sort(latency.begin(), latency.end());
+    const int ok = counts[static_cast<int>(Outcome::kOk)];
+    const int refused = counts[static_cast<int>(Outcome::kRefused)];
+    const int diag = counts[static_cast<int>(Outcome::kDiagError)];
+    const int timed_out = counts[static_cast<int>(Outcome::kTimedOut)];
+    if (o.json) {
+        Json::Value s;
+        s["sent"] = static_cast<Json::UInt64>(runs.size());
+        s["answered"] = ok;
+        s["timed_out"] = timed_out;
+        s["refused"] = refused;
+        s["diag_errors"] = diag;
+        if (latency.empty()) {
+            s["latency_ms"] = Json::Value();
+        } else {
+            s["latency_ms"]["min"] = latency.front();
+            s["latency_ms"]["median"] = median_of(latency);
+            s["latency_ms"]["max"] = latency.back();
+        }
+        Json::Value j;
+        j["summary"] = s;
+        write_json(out, j);
+        return;
+    }
+    fprintf(out, "summary: %zu sent, %d answered, %d timed out, %d refused, %d diag errors",
+            runs.size(), ok, timed_out, refused, diag);
+    if (!latency.empty()) {
+        fprintf(out, "; latency min %s, median %s, max %s", ms_text(latency.front()).c_str(),
+                ms_text(median_of(latency)).c_str(), ms_text(latency.back()).c_str());
+    }
+    fputc('\n', out);
+}
+
+}  // namespace tolven_diag_tool

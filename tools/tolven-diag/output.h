@@ -1,0 +1,34 @@
+// tolven-diag's output: a send's request and reply as text (hex dump, decoded fields, notes) or
+// as one JSON object a line, and the summary of repeated sends.
+#pragma once
+
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "args.h"
+#include "send.h"
+
+namespace tolven_diag_tool {
+
+// "tolven-diag: MESSAGE" on standard error.
+void error(const std::string& message);
+
+std::string bytes_text(size_t n);  // "1 byte", "55 bytes"
+std::string ms_text(double ms);    // "0.2 ms"
+
+// Rows of 16 bytes: offset, hex, printable characters.
+void dump(FILE* out, const uint8_t* data, size_t len);
+
+// The line before a synchronous send's replies: the request with the time-out the library
+// applies, then its bytes.
+void print_request(FILE* out, const Options& o);
+// One send; |shown| is the last reply shown in full, not shown again when this one is the same.
+void print_run(FILE* out, const Options& o, const Run& run, const Run* shown);
+void print_summary(FILE* out, const Options& o, const std::vector<Run>& runs);
+
+// ", port PATH (FRAMING)" when a port was given.
+std::string port_text(const Options& o);
+
+}  // namespace tolven_diag_tool

@@ -1,0 +1,115 @@
+#include "send.h"
+
+#include <errno.h>
+#include <time.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "failure.h"
+#include "library_model.h"
+#include "output.h"
+#include "tolven_diag.h"
+
+namespace tolven_diag_tool {
+namespace {
+
+void sleep_ms(int ms) {
+    timespec ts{ms / 1000, (ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+Run send_once(const Options& o, int seq) {
+    Run run;
+    run.seq = seq;
+    // The buffer matches the capacity handed over; 0 still gets a valid pointer.
+    std::vector<uint8_t> buf(std::max(o.capacity, 1));
+    int reply_len = o.capacity;
+    const int len = static_cast<int>(o.packet.size());
+    auto start = std::chrono::steady_clock::now();
+    run.result = o.mode == Mode::kDci
+                         ? tolven_diag_cmd_send_with_result(o.packet.data(), len, o.timeout_ms,
+                                                            buf.data(), &reply_len)
+                         : tolven_diag_cmd_send_with_result_by_callback_mode(
+                                   o.packet.data(), len, o.timeout_ms, buf.data(), &reply_len);
+    run.elapsed_ms =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                    .count();
+    if (run.result != 0) {
+        explain_failure(o, reply_len, &run);
+        return run;
+    }
+    run.outcome = Outcome::kOk;
+    run.reply.assign(buf.begin(), buf.begin() + std::clamp(reply_len, 0, o.capacity));
+    if (reply_len == o.capacity) {
+        run.notes.push_back("the reply fills the capacity; it may have been cut");
+    }
+    if (whole_pieces(o.mode, reply_len)) {
+        run.notes.push_back(
+                "a DCI reply of whole 4096-byte pieces counts as complete only when the "
+                "time-out runs out");
+    }
+    return run;
+}
+
+}  // namespace
+
+const char* outcome_name(Outcome o) {
+    switch (o) {
+        case Outcome::kOk:
+            return "ok";
+        case Outcome::kRefused:
+            return "refused";
+        case Outcome::kDiagError:
+            return "diag error";
+        case Outcome::kTimedOut:
+            return "timed out";
+    }
+    return "";
+}
+
+int send_with_result(const Options& o, FILE* out) {
+    if (!o.json) print_request(out, o);
+    std::vector<Run> runs;
+    runs.reserve(o.count);
+    const Run* shown = nullptr;  // the last reply shown in full
+    for (int seq = 1; seq <= o.count; ++seq) {
+        if (seq > 1) sleep_ms(o.interval_ms);
+        runs.push_back(send_once(o, seq));
+        const Run& run = runs.back();
+        print_run(out, o, run, shown);
+        if (run.outcome == Outcome::kOk && (shown == nullptr || shown->reply != run.reply)) {
+            shown = &run;
+        }
+    }
+    if (o.count > 1) print_summary(out, o, runs);
+    bool all_ok = std::all_of(runs.begin(), runs.end(),
+                              [](const Run& r) { return r.outcome == Outcome::kOk; });
+    return all_ok ? kExitOk : kExitFailed;
+}
+
+int send_no_wait(const Options& o, FILE* out) {
+    const int len = static_cast<int>(o.packet.size());
+    fprintf(out, "request: %s, %s mode, no wait%s\n", bytes_text(len).c_str(), mode_name(o.mode),
+            port_text(o).c_str());
+    dump(out, o.packet.data(), o.packet.size());
+    int result = o.mode == Mode::kDci ? tolven_diag_cmd_send_without_result(o.packet.data(), len)
+                                      : tolven_diag_cmd_send_without_result_by_callback_mode(
+                                                o.packet.data(), len);
+    if (result != 0) {
+        fprintf(out, "result: %d (refused)\n", result);
+        error("the library refused the packet");
+        return kExitFailed;
+    }
+    fprintf(out, "handed to a worker thread; it logs only the length of each answer%s\n",
+            o.verbose ? "" : " (--verbose shows its trace)");
+    int linger = o.linger_ms >= 0 ? o.linger_ms : worker_remaining_ms(o.mode);
+    fprintf(out, "waiting %d ms %s\n", linger,
+            o.linger_ms >= 0 ? "(--linger)" : "for the worker to end");
+    sleep_ms(linger);
+    fprintf(out, "result: 0 (ok)\n");
+    return kExitOk;
+}
+
+}  // namespace tolven_diag_tool

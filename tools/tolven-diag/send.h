@@ -1,0 +1,32 @@
+// tolven-diag's sends: synchronous ones, once or repeated, and the fire-and-forget one.
+#pragma once
+
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "args.h"
+
+namespace tolven_diag_tool {
+
+enum class Outcome { kOk, kRefused, kDiagError, kTimedOut };
+const char* outcome_name(Outcome o);  // "ok", "refused", "diag error", "timed out"
+
+// One synchronous send.
+struct Run {
+    int seq = 1;
+    int result = 1;
+    Outcome outcome = Outcome::kDiagError;
+    double elapsed_ms = 0;
+    std::vector<uint8_t> reply;
+    std::string why;                 // for a failure
+    std::vector<std::string> notes;  // for a success
+};
+
+// The packet |o.count| times, |o.interval_ms| apart; the exit status.
+int send_with_result(const Options& o, FILE* out);
+// The packet handed to a worker of the library, then a wait for the worker to end.
+int send_no_wait(const Options& o, FILE* out);
+
+}  // namespace tolven_diag_tool
