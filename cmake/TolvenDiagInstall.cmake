@@ -1,7 +1,8 @@
 # What `cmake --install` puts under the prefix: libtolven_diag and its header, the host stand-ins
-# (which play the platform libraries on a host), tolven-diag with its documentation, and the CMake
-# and pkg-config packages. Every RUNPATH is relative to the installed file, so that a prefix can
-# be moved as a whole; the stand-ins also keep the folder of Debian's Android libraries.
+# (which play the platform libraries on a host), tolven-diag with its documentation and bash
+# completion, and the CMake and pkg-config packages. Every RUNPATH is relative to the installed
+# file, so that a prefix can be moved as a whole; the stand-ins also keep the folder of Debian's
+# Android libraries.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -17,6 +18,9 @@ install(TARGETS tolven-diag RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/tools/tolven-diag/tolven-diag.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# Named after the command, so that bash-completion loads it on the first Tab.
+install(FILES ${PROJECT_SOURCE_DIR}/tools/tolven-diag/tolven-diag.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tolven-diag)
 
 # find_package(TolvenDiag) gives TolvenDiag::tolven_diag. The target is written by hand: an
 # exported one would carry the stand-ins and the platform headers along as targets of their own.

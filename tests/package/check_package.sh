@@ -54,9 +54,12 @@ for file in "$bindir/tolven-diag" include/tolven_diag.h "$libdir/libtolven_diag.
     "$libdir/libdiag.so" "$libdir/libtolven_utils.so" "$libdir/libproperties.so" \
     "$libdir/cmake/TolvenDiag/TolvenDiagConfig.cmake" \
     "$libdir/cmake/TolvenDiag/TolvenDiagConfigVersion.cmake" "$libdir/pkgconfig/tolven_diag.pc" \
-    share/doc/tolven_diag/README.md; do
+    share/doc/tolven_diag/README.md share/bash-completion/completions/tolven-diag; do
     [ -f "$prefix/$file" ] || fail "$file is not installed"
 done
+bash -c 'source "$1" && complete -p tolven-diag' _ \
+    "$prefix/share/bash-completion/completions/tolven-diag" >/dev/null 2>&1 ||
+    fail "the installed bash completion does not register tolven-diag"
 if [ -f "$source_dir/tools/tolven-diag/tolven-diag.1" ]; then
     [ -f "$prefix/share/man/man1/tolven-diag.1" ] || fail "the man page is not installed"
 fi
