@@ -7,6 +7,8 @@
 
 #include <vector>
 
+#include "feed.h"
+
 namespace hdlc {
 
 constexpr uint8_t kFlag = 0x7E;
@@ -55,17 +57,7 @@ class Decoder {
     // Calls on_frame(payload, size) for each good frame and on_drop(Event) for each dropped one.
     template <typename OnFrame, typename OnDrop>
     void feed(const uint8_t* data, size_t n, OnFrame&& on_frame, OnDrop&& on_drop) {
-        while (n > 0) {
-            Event e;
-            size_t used = next(data, n, &e);
-            data += used;
-            n -= used;
-            if (e == Event::kFrame) {
-                on_frame(frame_.data(), frame_len_);
-            } else if (e != Event::kNone) {
-                on_drop(e);
-            }
-        }
+        diag_wire::feed_decoder<Decoder, Event>(*this, data, n, on_frame, on_drop);
     }
 
     // The payload of the last kFrame, valid until the next call.

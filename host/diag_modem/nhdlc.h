@@ -7,6 +7,8 @@
 
 #include <vector>
 
+#include "feed.h"
+
 namespace nhdlc {
 
 constexpr uint8_t kFlag = 0x7E;
@@ -37,17 +39,7 @@ class Decoder {
 
     template <typename OnFrame, typename OnDrop>
     void feed(const uint8_t* data, size_t n, OnFrame&& on_frame, OnDrop&& on_drop) {
-        while (n > 0) {
-            Event e;
-            size_t used = next(data, n, &e);
-            data += used;
-            n -= used;
-            if (e == Event::kFrame) {
-                on_frame(payload_.data(), payload_.size());
-            } else if (e != Event::kNone) {
-                on_drop(e);
-            }
-        }
+        diag_wire::feed_decoder<Decoder, Event>(*this, data, n, on_frame, on_drop);
     }
 
     const uint8_t* frame_data() const { return payload_.data(); }

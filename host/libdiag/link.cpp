@@ -310,6 +310,11 @@ class FdLink : public Link {
             }
             if (expired) {
                 close_port();
+                // Ends with its owner, which joins it: a thread that ends unjoined would leak.
+                while (!stop_.load(std::memory_order_relaxed)) {
+                    pollfd wake_fd{wake_, POLLIN, 0};
+                    if (poll(&wake_fd, 1, -1) > 0) drain(wake_);
+                }
                 return;
             }
             pollfd fds[2] = {{ready ? fd_ : -1, events, 0}, {wake_, POLLIN, 0}};
