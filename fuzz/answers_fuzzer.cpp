@@ -35,7 +35,8 @@ std::set<int> content_lines(const std::string& text) {
         if (last) end = text.size();
         std::string line = text.substr(start, end - start);
         line = line.substr(0, line.find('#'));
-        if (line.find_first_not_of(" \t\r\n") != std::string::npos) lines.insert(n);
+        // Blank as the parser takes it: blanks, tabs, line ends, vertical tabs and form feeds.
+        if (line.find_first_not_of(" \t\r\n\v\f") != std::string::npos) lines.insert(n);
         if (last) break;
         start = end + 1;
         ++n;
