@@ -12,23 +12,18 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <signal.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,6 +33,7 @@
 #include "framing.h"
 #include "libdiag_sim.h"
 #include "pty_modem.h"
+#include "ser2net.h"
 #include "tolven_diag.h"
 #include "tolven_utils_host.h"
 
@@ -56,7 +52,6 @@ constexpr int kBlock = 10;
 constexpr int kBackToBackSamples = 200;
 constexpr int kTimeoutMs = 1000;
 constexpr size_t kVersionReplySize = 55;
-constexpr milliseconds kSer2netStartLimit{5000};
 constexpr int kConnectTries = 6;
 
 using SendFn = int (*)(const uint8_t*, int, int, uint8_t*, int*);
@@ -167,134 +162,6 @@ class RawPort {
 
     const int fd_;
     diag_wire::Bytes frame_;
-};
-
-// ---- ser2net ----
-
-std::string find_ser2net() {
-    std::string dirs = getenv("PATH") ? getenv("PATH") : "";
-    dirs += ":/usr/sbin:/usr/local/sbin";
-    std::istringstream in(dirs);
-    for (std::string dir; std::getline(in, dir, ':');) {
-        std::string path = dir + "/ser2net";
-        if (!dir.empty() && access(path.c_str(), X_OK) == 0) return path;
-    }
-    return "";
-}
-
-// A loopback port nobody listens on right now.
-int free_port() {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    int port = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-                               getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0
-                       ? ntohs(a.sin_port)
-                       : -1;
-    if (fd >= 0) close(fd);
-    return port;
-}
-
-// ser2net in the foreground, its TCP accepter on loopback carrying the raw bytes of |device|;
-// killed when this goes.
-class Ser2net {
-  public:
-    static std::unique_ptr<Ser2net> start(const std::string& device, std::string* error) {
-        std::string bin = find_ser2net();
-        if (bin.empty()) {
-            *error = "ser2net not found: install the Debian package ser2net";
-            return nullptr;
-        }
-        char dir_template[] = "/tmp/serial_roundtrip_bench.XXXXXX";
-        int port = free_port();
-        if (mkdtemp(dir_template) == nullptr || port < 0) {
-            *error = std::string("ser2net set-up: ") + strerror(errno);
-            return nullptr;
-        }
-        std::unique_ptr<Ser2net> s(new Ser2net(dir_template, port));
-        // chardelay off: ser2net would otherwise hold what the port reads for at least 1 ms
-        // before passing it on, in the library's samples and the floor's alike.
-        std::ofstream(s->config_) << "%YAML 1.1\n---\n"
-                                  << "connection: &diag\n"
-                                  << "  accepter: tcp,127.0.0.1," << port << "\n"
-                                  << "  connector: serialdev," << device << ",115200n81,local\n"
-                                  << "  options:\n"
-                                  << "    mdns: false\n"
-                                  << "    chardelay: false\n";
-        const char* argv[] = {"ser2net", "-n", "-d", "-c", s->config_.c_str(), nullptr};
-        int log = open(s->log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        s->pid_ = fork();
-        if (s->pid_ == 0) {
-            // Gone with this program, even when it is killed.
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            dup2(null_fd, STDIN_FILENO);
-            dup2(log, STDOUT_FILENO);
-            dup2(log, STDERR_FILENO);
-            execv(bin.c_str(), const_cast<char* const*>(argv));
-            _exit(127);
-        }
-        close(log);
-        close(null_fd);
-        if (s->pid_ < 0 || !s->wait_listening()) {
-            *error = "ser2net did not start listening on port " + std::to_string(port) + ": " +
-                     s->log_text();
-            return nullptr;
-        }
-        return s;
-    }
-
-    ~Ser2net() {
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            waitpid(pid_, nullptr, 0);
-        }
-        unlink(config_.c_str());
-        unlink(log_.c_str());
-        rmdir(dir_.c_str());
-    }
-    Ser2net(const Ser2net&) = delete;
-    Ser2net& operator=(const Ser2net&) = delete;
-
-    int port() const { return port_; }
-
-  private:
-    Ser2net(std::string dir, int port)
-        : dir_(std::move(dir)), config_(dir_ + "/ser2net.yaml"), log_(dir_ + "/log"), port_(port) {}
-
-    bool wait_listening() {
-        Clock::time_point limit = Clock::now() + kSer2netStartLimit;
-        while (Clock::now() < limit) {
-            if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-                pid_ = -1;
-                return false;
-            }
-            int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            sockaddr_in a{};
-            a.sin_family = AF_INET;
-            a.sin_port = htons(static_cast<uint16_t>(port_));
-            a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            bool up = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-            close(fd);
-            if (up) return true;
-            std::this_thread::sleep_for(milliseconds(10));
-        }
-        return false;
-    }
-
-    std::string log_text() {
-        std::ifstream in(log_);
-        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        return text.empty() ? "(no output)" : text;
-    }
-
-    const std::string dir_;
-    const std::string config_;
-    const std::string log_;
-    const int port_;
-    pid_t pid_ = -1;
 };
 
 // ---- The cases ----

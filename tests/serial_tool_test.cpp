@@ -20,6 +20,7 @@
 
 #include "answer_table.h"
 #include "port_holder.h"
+#include "ser2net.h"
 
 namespace {
 
@@ -190,85 +191,19 @@ TEST(SerialTool, PortsOtherProcessesHold) {
     unlink(answers.c_str());
 }
 
-// A free TCP port on loopback (free when asked; the test starts its user right away).
-int free_port() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0) {
-        port = ntohs(a.sin_port);
-    }
-    close(fd);
-    return port;
-}
-
-bool accepts(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-    close(fd);
-    return ok;
-}
-
-// ser2net in front of the modem's pty, as a lab shares a modem's diag port on the network.
-struct Ser2net {
-    pid_t pid = -1;
-    int port = 0;
-    std::string config;
-
-    explicit Ser2net(const std::string& device) {
-        port = free_port();
-        config = ::testing::TempDir() + "serial_tool_ser2net." + std::to_string(getpid()) + ".yaml";
-        std::ofstream(config) << "%YAML 1.1\n---\n"
-                              << "connection: &diag\n"
-                              << "  accepter: tcp,127.0.0.1," << port << "\n"
-                              << "  connector: serialdev," << device << ",115200n81,local\n"
-                              << "  options:\n"
-                              << "    mdns: false\n";
-        pid = fork();
-        if (pid == 0) {
-            freopen("/dev/null", "w", stdout);
-            freopen("/dev/null", "w", stderr);
-            // -u: no lock files of its own, -n: in the foreground
-            execlp("ser2net", "ser2net", "-n", "-u", "-c", config.c_str(), nullptr);
-            _exit(127);
-        }
-        for (auto end = Clock::now() + 5s; pid > 0 && !accepts(port) && Clock::now() < end;) {
-            std::this_thread::sleep_for(10ms);
-        }
-    }
-    void stop() {
-        if (pid > 0 && kill(pid, SIGTERM) == 0) waitpid(pid, nullptr, 0);
-        pid = -1;
-    }
-    ~Ser2net() {
-        stop();
-        unlink(config.c_str());
-    }
-};
-
-bool have_ser2net() {
-    return system("command -v ser2net >/dev/null 2>&1") == 0;
-}
-
 // The modem's port on TCP through a real ser2net: replies right in both transports, and a
 // ser2net that goes away ends the command within its limit.
 TEST(SerialTool, ThroughSer2net) {
-    if (!have_ser2net()) GTEST_SKIP() << "ser2net is not installed (scripts/install-deps.sh base)";
+    if (!Ser2net::installed())
+        GTEST_SKIP() << "ser2net is not installed (scripts/install-deps.sh base)";
     const std::string answers = ::testing::TempDir() + "ser2net_answers." + std::to_string(getpid());
     std::ofstream(answers) << "1d -> none\n";
     ModemProcess modem({"--answers", answers, "--log-every", "5", "--subscriptions", "0,1"});
     ASSERT_EQ(0u, modem.path.rfind("/dev/", 0)) << modem.path;
-    Ser2net ser2net(modem.path);
-    ASSERT_TRUE(accepts(ser2net.port)) << "ser2net does not listen";
-    const std::string port = "tcp:127.0.0.1:" + std::to_string(ser2net.port);
+    std::string error;
+    std::unique_ptr<Ser2net> ser2net = Ser2net::start(modem.path, &error);
+    ASSERT_NE(nullptr, ser2net) << error;
+    const std::string port = "tcp:127.0.0.1:" + std::to_string(ser2net->port());
     struct Row {
         std::vector<std::string> args;
         const char* reply;
@@ -288,7 +223,7 @@ TEST(SerialTool, ThroughSer2net) {
     // ser2net gone while a command waits, then for the next one
     std::thread stopping([&] {
         std::this_thread::sleep_for(200ms);
-        ser2net.stop();
+        ser2net->stop();
     });
     Clock::time_point start = Clock::now();
     auto [code, out] = run_tool(port, {"-t", "1000", "1d"});
