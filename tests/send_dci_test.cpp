@@ -26,11 +26,12 @@ std::string banner(int channel, const char* name, int len) {
 }
 
 // The timer body run on the test's thread: ticks, posts, the time-out flag and its last line. A
-// timer times only the command that started it (|own|: its command is the one armed last); once
-// that command is released it still logs its lines but posts nothing.
+// timer times only the command that started it (|own|: its command is the one armed last), and
+// counts whole pieces as an answer only when a response to that command stored them (|mine|);
+// once its command is released it still logs its lines but posts nothing.
 TEST(WaitTimer, TicksPostsAndFlag) {
     struct Row {
-        bool own, waiting;
+        bool own, waiting, mine;
         int limit, length, ticks, posts;
         bool timed_out;
         const char* last;  // the line before the exit mark; nullptr: none of the two
@@ -38,29 +39,35 @@ TEST(WaitTimer, TicksPostsAndFlag) {
     constexpr const char* kSuccess = "stop waiting, receive success, length is times of 4096";
     constexpr const char* kStop = "stop waiting";
     const Row rows[] = {
-            {true, true, 2, 0, 2, 1, true, kStop},
-            {true, true, 0, 0, 1, 1, true, kStop},  // one tick
-            {true, true, -3, 0, 1, 1, true, kStop},
-            {true, true, 2, 4097, 2, 1, true, kStop},
-            {true, true, 2, 4096, 2, 1, false, kSuccess},  // full pieces count as answered
-            {true, false, 30, 0, 1, 0, false, nullptr},    // already released
-            {true, false, 30, 4095, 1, 0, false, nullptr},
-            {true, false, 30, 8192, 1, 0, false, kSuccess},
-            {false, true, 1, 0, 1, 0, false, nullptr},  // a later command is not this timer's
-            {false, true, 1, 4096, 1, 0, false, kSuccess},
+            {true, true, true, 2, 0, 2, 1, true, kStop},
+            {true, true, true, 0, 0, 1, 1, true, kStop},  // one tick
+            {true, true, true, -3, 0, 1, 1, true, kStop},
+            {true, true, true, 2, 4097, 2, 1, true, kStop},
+            {true, true, true, 2, 4096, 2, 1, false, kSuccess},  // its full pieces: answered
+            {true, true, false, 2, 4096, 2, 1, true, kStop},     // an earlier command's: not
+            {true, true, false, 2, 8192, 2, 1, true, kStop},
+            {true, false, true, 30, 0, 1, 0, false, nullptr},  // already released
+            {true, false, true, 30, 4095, 1, 0, false, nullptr},
+            {true, false, true, 30, 8192, 1, 0, false, kSuccess},
+            {true, false, false, 30, 8192, 1, 0, false, kSuccess},
+            {false, true, false, 1, 0, 1, 0, false, nullptr},  // a later command is not this timer's
+            {false, true, false, 1, 4096, 1, 0, false, kSuccess},
     };
     for (const Row& row : rows) {
-        SCOPED_TRACE(::testing::Message() << "own " << row.own << " waiting " << row.waiting
-                                          << " limit " << row.limit << " length " << row.length);
+        SCOPED_TRACE(::testing::Message()
+                     << "own " << row.own << " waiting " << row.waiting << " mine " << row.mine
+                     << " limit " << row.limit << " length " << row.length);
         LogCapture log;
         sem_init(&g_diag_rsp_sem, 0, 0);
+        const uint32_t cmd = row.own ? 7 : 6;
         g_diag_rsp_timed_out = false;
         g_diag_rsp_waiting = row.waiting;
         g_diag_cmd_time_100ms = row.limit;
         g_diag_cmd_seq = 7;
         g_qcril_diag_rsp_buf.length = row.length;
+        g_diag_rsp_stored_by = row.mine ? cmd : cmd - 1;
         run_thread_body(tolven_diag_cmd_send_with_result_wait_thread_proc,
-                        reinterpret_cast<void*>(static_cast<uintptr_t>(row.own ? 7 : 6)));
+                        reinterpret_cast<void*>(static_cast<uintptr_t>(cmd)));
         EXPECT_EQ(sem_posts(), row.posts);
         EXPECT_EQ(g_diag_rsp_timed_out.load(), row.timed_out);
         EXPECT_EQ(log.count("cnt_of_100ms = "), row.ticks);
@@ -284,6 +291,91 @@ TEST_F(DciSend, FullPiecesAtTheLimitCountAsAnswered) {
     EXPECT_GE(out.elapsed, 300ms - kClockSlack);
     EXPECT_EQ(out.reply, first);
     EXPECT_TRUE(log.has("stop waiting, receive success, length is times of 4096"));
+}
+
+// What the simulated modem answers to the test subsystem's pattern command for |n| bytes.
+Bytes pattern_reply(int n) {
+    Bytes reply = {0x4B, 0xFE, 0x02, 0x00};
+    for (int i = 0; i < n; ++i) reply.push_back(static_cast<uint8_t>(i & 0xFF));
+    return reply;
+}
+
+Bytes pattern_request(int n) {
+    return {0x4B, 0xFE, 0x02, 0x00, static_cast<uint8_t>(n & 0xFF), static_cast<uint8_t>(n >> 8)};
+}
+
+// Commands back to back in either transport: a stored length of whole 4096-byte pieces answers
+// only the command whose response stored it. An unanswered command hands back the stored length
+// as it stands, with the stored bytes where the store still holds them (callback mode keeps
+// them; a DCI send frees them), and never a success.
+TEST_F(DiagTest, StoredLengthAnswersOnlyItsOwnCommand) {
+    enum Buf { kOwn, kPrevious, kUntouched };
+    struct Step {
+        SendFn send;
+        Bytes request;
+        int result, reply_len;
+        Buf buf;
+        bool at_limit = false;  // whole pieces of its own: complete only when the limit runs out
+    };
+    const SendFn dci = tolven_diag_cmd_send_with_result_by_dci_mode;
+    const SendFn cb = tolven_diag_cmd_send_with_result_by_callback_mode;
+    const Bytes silent = {0x1D};                     // never answered
+    const Bytes oversized = pattern_request(10237);  // 10241 bytes: callback mode drops it
+    const Bytes whole1 = pattern_request(4092), whole2 = pattern_request(8188);
+    const Bytes version = {0x1C};
+    const struct {
+        const char* name;
+        std::vector<Step> steps;
+    } rows[] = {
+            {"dci: whole pieces, then unanswered",
+             {{dci, whole1, 0, 4096, kOwn, true}, {dci, silent, 1, 4096, kUntouched}}},
+            {"callback: whole pieces, then unanswered",
+             {{cb, whole1, 0, 4096, kOwn}, {cb, silent, 1, 4096, kPrevious}}},
+            {"callback whole pieces, then unanswered dci",
+             {{cb, whole2, 0, 8192, kOwn}, {dci, silent, 1, 8192, kUntouched}}},
+            {"dci whole pieces, then unanswered callback",
+             {{dci, whole2, 0, 8192, kOwn, true}, {cb, silent, 1, 8192, kUntouched}}},
+            {"callback whole pieces, then a dropped callback response",
+             {{cb, whole1, 0, 4096, kOwn}, {cb, oversized, 1, 4096, kPrevious}}},
+            {"a short reply in between",
+             {{cb, whole1, 0, 4096, kOwn},
+              {dci, version, 0, 3, kOwn},
+              {dci, whole1, 0, 4096, kOwn, true},
+              {cb, version, 0, 3, kOwn},
+              {cb, silent, 1, 3, kPrevious},
+              {dci, silent, 1, 3, kUntouched}}},
+            {"whole pieces of its own after whole pieces",
+             {{dci, whole1, 0, 4096, kOwn, true},
+              {dci, whole2, 0, 8192, kOwn, true},
+              {cb, whole1, 0, 4096, kOwn},
+              {dci, whole1, 0, 4096, kOwn, true},
+              {dci, silent, 1, 4096, kUntouched}}},
+    };
+    const int limit_ms = 300 * time_scale();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_TRUE(tolven_diag_reset_for_test(10000 * time_scale()));
+        libdiag_sim::reset();
+        libdiag_sim::set_answer(silent, Answer{});
+        Bytes stored;  // the reply of the last command answered
+        for (size_t i = 0; i < row.steps.size(); ++i) {
+            const Step& step = row.steps[i];
+            SCOPED_TRACE(::testing::Message() << "step " << i + 1);
+            SendOutcome out = send_packet(step.send, step.request, limit_ms);
+            EXPECT_EQ(out.result, step.result);
+            ASSERT_EQ(out.reply_len, step.reply_len);
+            const Bytes own = step.request == version ? Bytes{0x1C, 0x08, 0x00}
+                                                      : pattern_reply(out.reply_len - 4);
+            const Bytes want = step.buf == kOwn        ? own
+                               : step.buf == kPrevious ? stored
+                                                       : Bytes(out.reply_len, 0xEE);
+            EXPECT_EQ(out.reply, want);
+            if (step.at_limit) {
+                EXPECT_GE(out.elapsed, std::chrono::milliseconds(limit_ms) - kClockSlack);
+            }
+            if (step.buf == kOwn) stored = own;
+        }
+    }
 }
 
 // The worker body, run on the test's thread.

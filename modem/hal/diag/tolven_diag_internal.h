@@ -30,8 +30,13 @@ extern pthread_mutex_t g_qcril_diag_rsp_lock;
 extern std::atomic<bool> g_diag_rsp_waiting;
 extern std::atomic<bool> g_diag_rsp_timed_out;
 extern std::atomic<int32_t> g_diag_cmd_time_100ms;
-// Counts the synchronous commands that armed a wait; a wait timer times only its own.
+// Counts the synchronous commands handed to libdiag, counted up just before the send; a wait
+// timer times only its own.
 extern std::atomic<uint32_t> g_diag_cmd_seq;
+// The g_diag_cmd_seq of the command in flight when the stored response was last written: a
+// timer counts whole pieces as an answer only when they are its own command's. Under
+// g_qcril_diag_rsp_lock.
+extern uint32_t g_diag_rsp_stored_by;
 // Wait timers and workers started and not yet ended. Counted up by their creator, down by the
 // thread's body as it returns, so a test that calls a body on its own thread counts it up first.
 extern std::atomic<int32_t> g_diag_live_threads;

@@ -115,11 +115,26 @@ void copy_out_response(const char* caller, uint8_t* reply_buf, int* reply_len, i
     pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
 }
 
-// Arming and disarming happen under the store's lock, where a timer makes its final decision:
-// a timer of an earlier command then sees that its command is over.
-void arm_wait(int ticks) {
+// Numbers the command just before it goes to libdiag, which may answer before the send returns:
+// from here on a stored response is this command's, and a timer of an earlier command sees that
+// its command is over. A DCI send also empties the store (|fresh|), so that its reply is never
+// appended to an older one.
+void begin_command(bool fresh) {
     pthread_mutex_lock(&g_qcril_diag_rsp_lock);
     g_diag_cmd_seq.fetch_add(1, std::memory_order_relaxed);
+    if (fresh) free_stored_response();
+    pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
+}
+
+// Records who wrote |length|. Caller holds g_qcril_diag_rsp_lock.
+void store_length(int length) {
+    g_qcril_diag_rsp_buf.length.store(length, std::memory_order_relaxed);
+    g_diag_rsp_stored_by = g_diag_cmd_seq.load(std::memory_order_relaxed);
+}
+
+// Arming and disarming happen under the store's lock, where a timer makes its final decision.
+void arm_wait(int ticks) {
+    pthread_mutex_lock(&g_qcril_diag_rsp_lock);
     g_diag_rsp_waiting.store(true, std::memory_order_relaxed);
     g_diag_cmd_time_100ms.store(ticks, std::memory_order_relaxed);
     pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
@@ -247,6 +262,7 @@ std::atomic<bool> g_diag_rsp_waiting;
 std::atomic<bool> g_diag_rsp_timed_out;
 std::atomic<int32_t> g_diag_cmd_time_100ms{kDiagCmdTime100msDefault};
 std::atomic<uint32_t> g_diag_cmd_seq;
+uint32_t g_diag_rsp_stored_by;
 std::atomic<int32_t> g_diag_live_threads;
 int32_t g_diag_init_status;
 pthread_t g_diag_wait_thread;
@@ -393,8 +409,10 @@ void* tolven_diag_cmd_send_with_result_wait_thread_proc(void* arg) {
     const bool own = g_diag_cmd_seq.load(std::memory_order_relaxed) == cmd &&
                      g_diag_rsp_waiting.load(std::memory_order_relaxed);
     int len = g_qcril_diag_rsp_buf.length.load(std::memory_order_relaxed);
-    if (len != 0 && (len & (kDciPieceLen - 1)) == 0) {
-        // A response made only of full pieces never ends itself: count it as answered.
+    const bool whole = len != 0 && (len & (kDciPieceLen - 1)) == 0;
+    // A response made only of full pieces never ends itself: count it as answered, but only when
+    // it answers this command; a length left by an earlier one answers nothing.
+    if (whole && (!own || g_diag_rsp_stored_by == cmd)) {
         TOLVEN_LOGD("stop waiting, receive success, length is times of 4096");
         if (own) sem_post(&g_diag_rsp_sem);
     } else if (waiting && n >= limit) {
@@ -503,7 +521,7 @@ int tolven_diag_cmd_response_by_callback(unsigned char* ptr, int len, void* cont
             pthread_mutex_lock(&g_qcril_diag_rsp_lock);
             free(g_qcril_diag_rsp_buf.data);
             g_qcril_diag_rsp_buf.data = block;
-            g_qcril_diag_rsp_buf.length.store(len, std::memory_order_relaxed);
+            store_length(len);
             pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
             TOLVEN_LOGD("callback, cmd_code = 0x%02x, data_size = %d", ptr[0], len);
             sem_post(&g_diag_rsp_sem);
@@ -535,6 +553,7 @@ extern "C" int tolven_diag_cmd_send_with_result_by_callback_mode(const uint8_t* 
         tolven_diag_init_with_result();
         tolven_diag_register_callback(tolven_diag_cmd_response_by_callback);
         diag_switch_logging(kDiagLoggingCallbackMode, nullptr);
+        begin_command(false);
         int ret_send = diag_callback_send_data(kLocalProc, const_cast<uint8_t*>(data), data_len);
         TOLVEN_LOGD("ret_send = %d, will wait callback", ret_send);
         if (ret_send != 0) {
@@ -592,7 +611,7 @@ extern "C" void tolven_diag_cmd_response_by_dci(unsigned char* packet, int size,
         }
         memcpy(first, packet, size);
         g_qcril_diag_rsp_buf.data = first;
-        g_qcril_diag_rsp_buf.length.store(size, std::memory_order_relaxed);
+        store_length(size);
         TOLVEN_LOGD("response, cmd_code = 0x%02x, data_size = %d", packet[0], size);
     } else {
         int old_length = g_qcril_diag_rsp_buf.length.load(std::memory_order_relaxed);
@@ -611,7 +630,7 @@ extern "C" void tolven_diag_cmd_response_by_dci(unsigned char* packet, int size,
         }
         free(g_qcril_diag_rsp_buf.data);
         g_qcril_diag_rsp_buf.data = grown;
-        g_qcril_diag_rsp_buf.length.store(old_length + size, std::memory_order_relaxed);
+        store_length(old_length + size);
         memcpy(grown, g_qcril_diag_rsp_buf.prev, old_length);
         memcpy(grown + old_length, packet, size);
         TOLVEN_LOGD("response, cmd_code = 0x%02x, data_size = %d", packet[0], size);
@@ -679,10 +698,7 @@ extern "C" int tolven_diag_cmd_send_with_result_by_dci_mode(const uint8_t* data,
                 tolven_diag_deinit_with_result();
             } else {
                 if (setup == DciSetup::kOk) {
-                    // The reply starts a response of its own, never appended to an older one.
-                    pthread_mutex_lock(&g_qcril_diag_rsp_lock);
-                    free_stored_response();
-                    pthread_mutex_unlock(&g_qcril_diag_rsp_lock);
+                    begin_command(true);
                     int err = diag_send_dci_async_req(client_id, const_cast<uint8_t*>(data),
                                                       data_len, rsp_pkt, kDciRspPktSize,
                                                       tolven_diag_cmd_response_by_dci, nullptr);
@@ -822,6 +838,7 @@ bool tolven_diag_reset_for_test(int limit_ms) {
     pthread_mutex_lock(&g_qcril_diag_rsp_lock);
     free_stored_response();
     g_qcril_diag_rsp_buf.length.store(0, std::memory_order_relaxed);
+    g_diag_rsp_stored_by = 0;
     // g_diag_cmd_seq keeps counting, so that no timer still running can match a new command.
     g_diag_rsp_waiting.store(false, std::memory_order_relaxed);
     g_diag_rsp_timed_out.store(false, std::memory_order_relaxed);
