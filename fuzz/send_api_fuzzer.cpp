@@ -4,8 +4,9 @@
 // Commands run back to back, as a caller may make them.
 //
 // Checked: refused parameters leave the reply alone; nothing is written past the capacity; a
-// result of 0 hands over exactly what the model of the modem and the library says, and a result
-// of 1 only comes when the model says the wait ends by the time limit.
+// result of 0 hands over exactly what the model of the modem and the library says for this very
+// command, whatever earlier ones left stored, and a result of 1 only comes when the model says
+// the wait ends by the time limit.
 
 #include <stdint.h>
 #include <stdio.h>
@@ -159,10 +160,6 @@ void one_command(FuzzedDataProvider& in) {
     libdiag_sim::clear_answers();
     if (!packet.empty()) libdiag_sim::set_answer(packet, answer);
 
-    // Each command starts from an empty store and no stale length; timers of earlier commands
-    // may still tick, and stay out of this one.
-    tolven_diag_reset_for_test(0);
-
     // Exactly |capacity| bytes, so that a write past it is an ASan finding.
     Bytes reply(capacity > 0 ? capacity : 1, kUntouched);
     int reply_len = capacity;
@@ -216,6 +213,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     FuzzedDataProvider in(input, size);
+    // Each input starts from an empty store; its commands then follow one another with whatever
+    // the last one left (a length of whole pieces among it), and timers of earlier commands may
+    // still tick: neither may make a command succeed without its own reply.
+    tolven_diag_reset_for_test(0);
     for (int step = 0; step < 4 && in.remaining_bytes() > 0; ++step) one_command(in);
     return 0;
 }
