@@ -103,6 +103,58 @@ TEST_F(LibraryModel, KindOfEveryFailure) {
     }
 }
 
+// What the simulated modem answers to the test subsystem's pattern command: |total| bytes.
+std::vector<uint8_t> pattern_request(int total) {
+    const int n = total - 4;
+    return {0x4B, 0xFE, 0x02, 0x00, static_cast<uint8_t>(n & 0xFF), static_cast<uint8_t>(n >> 8)};
+}
+
+TEST_F(LibraryModel, WholePiecesAnswerOnlyTheirOwnCommand) {
+    constexpr int kSilent = 0;
+    const struct {
+        Mode first_mode;
+        int first_len;
+        Mode mode;
+        int len;  // the second command's reply; kSilent: never answered
+    } rows[] = {
+            {Mode::kDci, 4096, Mode::kDci, kSilent},
+            {Mode::kCallback, 4096, Mode::kCallback, kSilent},
+            {Mode::kCallback, 8192, Mode::kDci, kSilent},
+            {Mode::kDci, 8192, Mode::kCallback, kSilent},
+            {Mode::kDci, 100, Mode::kDci, kSilent},
+            {Mode::kDci, 4096, Mode::kDci, 8192},
+            {Mode::kCallback, 4096, Mode::kDci, 4096},
+            {Mode::kDci, 4096, Mode::kCallback, 4096},
+    };
+    const int limit_ms = 300 * time_scale();
+    const std::vector<uint8_t> silent = {0x1D};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(::testing::Message() << mode_name(r.first_mode) << " " << r.first_len
+                                          << ", then " << mode_name(r.mode) << " " << r.len);
+        ASSERT_TRUE(tolven_diag_reset_for_test(10000 * time_scale()));
+        libdiag_sim::reset();
+        libdiag_sim::set_answer(silent, libdiag_sim::Answer{});
+        SendOutcome first =
+                send_packet(send_fn(r.first_mode), pattern_request(r.first_len), limit_ms);
+        ASSERT_EQ(0, first.result);
+        ASSERT_EQ(r.first_len, first.reply_len);
+
+        const bool own = r.len != kSilent;
+        SendOutcome out =
+                send_packet(send_fn(r.mode), own ? pattern_request(r.len) : silent, limit_ms);
+        const int stored = own ? r.len : r.first_len;
+        EXPECT_EQ(model::answered_at_limit(stored, own) ? 0 : 1, out.result);
+        const double ms = std::chrono::duration<double, std::milli>(out.elapsed).count();
+        if (own) {
+            // The tool's note on such a reply: it took the whole limit.
+            EXPECT_EQ(model::whole_pieces(r.mode, r.len), ms >= limit_ms - 2);
+        } else {
+            EXPECT_EQ(model::Failure::kTimedOut,
+                      model::classify_failure(r.mode, limit_ms, 16384, out.reply_len, ms));
+        }
+    }
+}
+
 TEST_F(LibraryModel, WorkersLifetime) {
     for (Mode mode : {Mode::kDci, Mode::kCallback}) {
         SCOPED_TRACE(mode_name(mode));

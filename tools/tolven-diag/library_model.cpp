@@ -45,8 +45,13 @@ std::string timeout_note(Mode mode, int asked_ms) {
     return "";
 }
 
+bool answered_at_limit(int stored_len, bool stored_by_this_command) {
+    return stored_by_this_command && stored_len > 0 && stored_len % kDciPieceLen == 0;
+}
+
 bool whole_pieces(Mode mode, int len) {
-    return mode == Mode::kDci && len > 0 && len % kDciPieceLen == 0;
+    // Callback mode's handler ends the wait with any response it takes.
+    return mode == Mode::kDci && answered_at_limit(len, true);
 }
 
 Failure classify_failure(Mode mode, int asked_ms, int capacity, int reply_len, double elapsed_ms) {

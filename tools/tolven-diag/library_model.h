@@ -1,10 +1,11 @@
 // What libtolven_diag does with what the tool hands it, for the tool to tell its user. This
 // mirrors the library: its synchronous sends (the packets and capacities they refuse, how a time
 // limit becomes 100 ms ticks with callback mode's range and default, the largest callback
-// response, DCI replies of whole 4096-byte pieces, and how a send that fails does so), its
-// fire-and-forget workers (how long one lives after the call returns) and its offline-log update
-// (the four property tests and the directory it names). The library says none of this through
-// its interface; tests/tool_library_model_test.cpp holds each part against the library itself.
+// response, replies of whole 4096-byte pieces and which command they answer, and how a send that
+// fails does so), its fire-and-forget workers (how long one lives after the call returns) and its
+// offline-log update (the four property tests and the directory it names). The library says none
+// of this through its interface; tests/tool_library_model_test.cpp holds each part against the
+// library itself.
 #pragma once
 
 #include <string>
@@ -39,6 +40,10 @@ int effective_timeout_ms(Mode mode, int asked_ms);
 // Why the wait differs from |asked_ms|; empty when it does not.
 std::string timeout_note(Mode mode, int asked_ms);
 
+// Whether a wait that reached its time limit ends as answered (result 0) with |stored_len| bytes
+// stored: only whole 4096-byte pieces that a response to this very command stored. A length left
+// by an earlier command (the store keeps it until the next response) answers nothing.
+bool answered_at_limit(int stored_len, bool stored_by_this_command);
 // A reply of |len| bytes that counts as complete only when the time limit runs out.
 bool whole_pieces(Mode mode, int len);
 
