@@ -1,10 +1,12 @@
 // The answers-file parser on any text: every line that is neither blank nor a comment is either
 // accepted or refused with a message naming it, and an accepted line written back in the
-// canonical form parses to the same answer.
+// canonical form parses to the same answer. Now and then the text is also read as a file, and
+// its first line made longer than any answer may be.
 
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <set>
 #include <string>
@@ -44,11 +46,37 @@ std::set<int> content_lines(const std::string& text) {
     return lines;
 }
 
+// The same text as a file, and as the start of a line longer than any answer: the file reads
+// as the text does, and the long line is refused, not parsed.
+void check_as_file(const std::string& text) {
+    char path[] = "/tmp/answers_fuzzer_XXXXXX";
+    int fd = mkstemp(path);
+    if (fd < 0) return;
+    FILE* f = fdopen(fd, "wb");
+    fwrite(text.data(), 1, text.size(), f);
+    fclose(f);
+    diag_modem::ParsedAnswers direct = diag_modem::parse_answers(text, path);
+    diag_modem::ParsedAnswers read = diag_modem::parse_answers_file(path);
+    unlink(path);
+    require(read.errors == direct.errors && read.warnings == direct.warnings &&
+                    read.lines.size() == direct.lines.size(),
+            "a file parses as its text");
+
+    std::string endless = text.substr(0, text.find('\n'));
+    while (endless.size() <= diag_modem::kMaxAnswersLine)
+        endless += endless.empty() ? "0" : endless;
+    diag_modem::ParsedAnswers long_line = diag_modem::parse_answers(endless + "\n00 -> 01", "f");
+    require(long_line.errors.size() == 1 && long_line.errors[0].find("f:1: longer than") == 0 &&
+                    long_line.lines.size() == 1,
+            "an endless line is refused alone");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     diag_modem::ParsedAnswers parsed = diag_modem::parse_answers(text, "f");
+    if (size > 0 && data[0] == '#') check_as_file(text);
 
     std::set<int> seen;
     for (const std::string& e : parsed.errors) {

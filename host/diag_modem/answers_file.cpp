@@ -1,12 +1,9 @@
 #include "answers_file.h"
 
-#include <errno.h>
-#include <string.h>
-
-#include <fstream>
-#include <iterator>
+#include <map>
 #include <sstream>
 
+#include "files.h"
 #include "text.h"
 
 namespace diag_modem {
@@ -14,17 +11,44 @@ namespace {
 
 using diag_wire::trim;
 
-bool read_file(const std::string& path, std::string* text) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    text->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return !in.bad();
+bool is_blank(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
 }
 
-bool parse_hex(const std::string& text, Bytes* out) {
-    std::string group, why;
+int digit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// Pairs of hex digits, blanks between them allowed and nothing else; false with why.
+bool parse_pairs(const std::string& text, Bytes* out, std::string* why) {
     out->clear();
-    return diag_wire::parse_hex(text, out, &group, &why);
+    size_t i = 0;
+    while (i < text.size()) {
+        if (is_blank(text[i])) {
+            ++i;
+            continue;
+        }
+        size_t start = i;
+        while (i < text.size() && !is_blank(text[i])) ++i;
+        const std::string group = text.substr(start, i - start);
+        for (char c : group) {
+            if (digit(c) < 0) {
+                *why = "'" + diag_wire::printable(std::string(1, c)) + "' is not a hex digit";
+                return false;
+            }
+        }
+        if (group.size() % 2 != 0) {
+            *why = "'" + group + "' is not pairs of hex digits";
+            return false;
+        }
+        for (size_t d = 0; d < group.size(); d += 2) {
+            out->push_back(static_cast<uint8_t>(digit(group[d]) * 16 + digit(group[d + 1])));
+        }
+    }
+    return true;
 }
 
 }  // namespace
@@ -33,12 +57,17 @@ ParsedAnswers parse_answers(const std::string& text, const std::string& name) {
     ParsedAnswers out;
     std::istringstream in(text);
     std::string line;
+    std::map<Bytes, int> first_line;  // request prefix -> the line that set it last
     for (int n = 1; std::getline(in, line); ++n) {
-        line = trim(line.substr(0, line.find('#')));
-        if (line.empty()) continue;
         auto refuse = [&](const std::string& why) {
             out.errors.push_back(name + ":" + std::to_string(n) + ": " + why);
         };
+        if (line.size() > kMaxAnswersLine) {
+            refuse("longer than " + diag_wire::size_text(kMaxAnswersLine));
+            continue;
+        }
+        line = trim(line.substr(0, line.find('#')));
+        if (line.empty()) continue;
         size_t arrow = line.find("->");
         if (arrow == std::string::npos) {
             refuse("expected 'REQUEST_HEX -> REPLY_HEX|none [@ MS]'");
@@ -47,8 +76,9 @@ ParsedAnswers parse_answers(const std::string& text, const std::string& name) {
         AnswerLine a;
         a.line = n;
         std::string request = line.substr(0, arrow);
-        if (!parse_hex(request, &a.request_prefix)) {
-            refuse("bad request hex '" + trim(request) + "'");
+        std::string why;
+        if (!parse_pairs(request, &a.request_prefix, &why)) {
+            refuse("bad request hex '" + diag_wire::printable(trim(request)) + "': " + why);
             continue;
         }
         if (a.request_prefix.empty()) {
@@ -58,8 +88,9 @@ ParsedAnswers parse_answers(const std::string& text, const std::string& name) {
         size_t at = line.find('@', arrow);
         std::string reply = trim(line.substr(arrow + 2, at - arrow - 2));
         a.silent = reply == "none";
-        if (!a.silent && (reply.empty() || !parse_hex(reply, &a.reply) || a.reply.empty())) {
-            refuse("bad reply '" + reply + "' (hex bytes or none)");
+        if (!a.silent && (!parse_pairs(reply, &a.reply, &why) || a.reply.empty())) {
+            refuse("bad reply '" + diag_wire::printable(reply) + "' (" +
+                   (reply.empty() || a.reply.empty() ? "hex bytes or none" : why) + ")");
             continue;
         }
         long long delay = 0;
@@ -71,16 +102,22 @@ ParsedAnswers parse_answers(const std::string& text, const std::string& name) {
             continue;
         }
         a.delay = std::chrono::milliseconds(delay);
+        auto [it, fresh] = first_line.emplace(a.request_prefix, n);
+        if (!fresh) {
+            out.warnings.push_back(name + ":" + std::to_string(n) + ": the same request as line " +
+                                   std::to_string(it->second) + ", which this line replaces");
+            it->second = n;
+        }
         out.lines.push_back(std::move(a));
     }
     return out;
 }
 
 ParsedAnswers parse_answers_file(const std::string& path) {
-    std::string text;
-    if (!read_file(path, &text)) {
+    std::string text, error;
+    if (!diag_wire::read_regular(path, kMaxAnswersFile, &text, &error)) {
         ParsedAnswers unread;
-        unread.errors.push_back("cannot read " + path + ": " + strerror(errno));
+        unread.errors.push_back(error);
         return unread;
     }
     return parse_answers(text, path);

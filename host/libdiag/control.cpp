@@ -86,6 +86,8 @@ bool load_answers_file(const std::string& path, diag_modem::Overrides* answers) 
         (*answers)[prefix] = std::move(answer);
     }
     for (const std::string& e : parsed.errors) fprintf(stderr, "libdiag: %s\n", e.c_str());
+    for (const std::string& w : parsed.warnings)
+        fprintf(stderr, "libdiag: warning: %s\n", w.c_str());
     return parsed.errors.empty();
 }
 
@@ -127,6 +129,9 @@ State::State()
     }
     const char* trace = getenv("LIBDIAG_SIM_TRACE");
     trace_ = trace != nullptr && strcmp(trace, "1") == 0;
+    if (trace != nullptr && *trace != '\0' && !trace_ && strcmp(trace, "0") != 0) {
+        fprintf(stderr, "libdiag: ignoring LIBDIAG_SIM_TRACE=%s (want 1 or 0)\n", trace);
+    }
 }
 
 bool State::take_programmed(const std::string& name, Outcome* o) {

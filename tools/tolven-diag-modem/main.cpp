@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -44,11 +45,13 @@ const char kUsage[] =
         "      --delay MS          wait MS milliseconds before every reply\n"
         "      --corrupt-every N   send every Nth reply after a copy of it with a bad CRC\n"
         "      --garbage           answer with noise that never decodes\n"
-        "      --link PATH         also make PATH a symbolic link to the pty (removed on exit)\n"
+        "      --link PATH         also make PATH a symbolic link to the pty, removed on\n"
+        "                          exit; PATH must not exist (a link left by an earlier\n"
+        "                          run to a pty that is gone is replaced)\n"
         "  -h, --help              show this help and exit\n"
         "\n"
-        "Exit status: 0 after an interrupt; 1 the pty or the answers file could not be\n"
-        "opened; 2 bad usage.\n";
+        "Exit status: 0 after an interrupt; 1 the pty, the answers file or the link\n"
+        "could not be made or read; 2 bad usage.\n";
 
 pty_modem::Modem* g_modem;
 
@@ -64,6 +67,36 @@ int usage_error(const std::string& message) {
 
 bool parse_count(const char* text, long long max, long long* out) {
     return diag_wire::parse_number(text, out) && *out >= 0 && *out <= max;
+}
+
+// The target of the symbolic link |path|, or "" when it is none.
+std::string link_target(const std::string& path) {
+    char target[4096];
+    ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
+    return n > 0 ? std::string(target, static_cast<size_t>(n)) : "";
+}
+
+// Makes |path| a link to |pty|. Only a link left by an earlier run (to a pseudo-terminal that is
+// gone) is replaced; anything else at |path| is the user's and stays.
+bool make_link(const std::string& path, const std::string& pty, std::string* error) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0) {
+        const std::string old = link_target(path);
+        const bool leftover = S_ISLNK(st.st_mode) && old.rfind("/dev/pts/", 0) == 0 &&
+                              access(old.c_str(), F_OK) != 0;
+        if (!leftover) {
+            *error = "--link " + path + ": it exists" +
+                     (S_ISLNK(st.st_mode) ? " (a link to " + old + ")" : "") +
+                     "; name a path that does not exist, or remove it first";
+            return false;
+        }
+        unlink(path.c_str());
+    }
+    if (symlink(pty.c_str(), path.c_str()) != 0) {
+        *error = "cannot link " + path + ": " + strerror(errno);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -163,6 +196,9 @@ int main(int argc, char** argv) {
     if (!answers.empty()) {
         diag_modem::ParsedAnswers parsed = diag_modem::parse_answers_file(answers);
         for (const std::string& e : parsed.errors) fprintf(stderr, "%s: %s\n", kProg, e.c_str());
+        for (const std::string& w : parsed.warnings) {
+            fprintf(stderr, "%s: warning: %s\n", kProg, w.c_str());
+        }
         if (!parsed.errors.empty()) return 1;
         options.answers = diag_modem::overrides_of(parsed);
     }
@@ -173,12 +209,9 @@ int main(int argc, char** argv) {
         fprintf(stderr, "%s: %s\n", kProg, error.c_str());
         return 1;
     }
-    if (!link.empty()) {
-        unlink(link.c_str());
-        if (symlink(modem->path().c_str(), link.c_str()) != 0) {
-            fprintf(stderr, "%s: cannot link %s: %s\n", kProg, link.c_str(), strerror(errno));
-            return 1;
-        }
+    if (!link.empty() && !make_link(link, modem->path(), &error)) {
+        fprintf(stderr, "%s: %s\n", kProg, error.c_str());
+        return 1;
     }
     g_modem = modem.get();
     struct sigaction sa {};
@@ -188,6 +221,7 @@ int main(int argc, char** argv) {
     fflush(stdout);
     modem->serve();
     g_modem = nullptr;
-    if (!link.empty()) unlink(link.c_str());
+    // Removed only while it is still the link made above.
+    if (!link.empty() && link_target(link) == modem->path()) unlink(link.c_str());
     return 0;
 }

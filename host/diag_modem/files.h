@@ -1,0 +1,23 @@
+// Files that the tool and the stand-ins read: regular files only, read whole up to a bound, every
+// error returned as a message. A FIFO, a device or a directory is refused at once, before any
+// read could block or run without end.
+#pragma once
+
+#include <stddef.h>
+
+#include <string>
+
+namespace diag_wire {
+
+// Opens |path| for reading when it is a regular file, without blocking on a FIFO; the descriptor
+// is close-on-exec and blocking again. -1 with "cannot read PATH: why" in |*error| otherwise.
+int open_regular(const std::string& path, std::string* error);
+
+// Reads the regular file |path| whole into |*text|. False with "cannot read PATH: why" in |*error|
+// when it cannot be opened or read, is no regular file, or holds more than |limit| bytes.
+bool read_regular(const std::string& path, size_t limit, std::string* text, std::string* error);
+
+// "12 KiB", "64 MiB": a byte count as the messages above give it.
+std::string size_text(size_t bytes);
+
+}  // namespace diag_wire

@@ -1,0 +1,168 @@
+// Bad input as an adversarial user gives it, one rule a table: every file the tool and the
+// stand-ins read is a regular file, bounded, read with its errors reported, and never hangs them;
+// every path they write is theirs, never a file they did not make.
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "child.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int time_scale() {
+    const char* s = getenv("TOLVEN_TEST_TIME_SCALE");
+    return s != nullptr && atoi(s) > 0 ? atoi(s) : 1;
+}
+
+// A fresh folder for one test, removed with what is in it.
+struct Scratch {
+    std::string dir;
+    Scratch() {
+        char tmpl[] = "/tmp/tolven_bad_input_XXXXXX";
+        dir = mkdtemp(tmpl) != nullptr ? tmpl : "";
+    }
+    ~Scratch() {
+        if (!dir.empty()) (void)!system(("rm -rf '" + dir + "'").c_str());
+    }
+    std::string path(const std::string& name) const { return dir + "/" + name; }
+    std::string write(const std::string& name, const std::string& text) const {
+        std::ofstream(path(name), std::ios::binary) << text;
+        return path(name);
+    }
+};
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Files named where an answers file is expected, by both programs that read one.
+TEST(FilesRead, RegularBoundedAndSaid) {
+    Scratch s;
+    ASSERT_FALSE(s.dir.empty());
+    mkdir(s.path("dir").c_str(), 0700);
+    ASSERT_EQ(0, mkfifo(s.path("fifo").c_str(), 0600));
+    // Sparse: larger than any answers file may be, without using the disk.
+    const std::string big = s.path("big");
+    ASSERT_EQ(0, truncate(s.write("big", "").c_str(), (64LL << 20) + 1));
+    const std::string long_line = s.write("long", "00 -> " + std::string((1 << 20) + 2, 'a'));
+    const std::string odd = s.write("odd", "7 -> 1\n");
+    const std::string repeated = s.write("repeated", "00 -> 01\n00 -> 02\n");
+
+    struct Row {
+        std::string file;
+        bool accepted;
+        std::string said;
+    };
+    const Row rows[] = {
+            {s.path("dir"), false, "cannot read " + s.path("dir") + ": Is a directory"},
+            {"/proc/self/mem", false, "cannot read /proc/self/mem: Input/output error"},
+            {s.path("fifo"), false, "cannot read " + s.path("fifo") + ": a FIFO, not a regular"},
+            {"/dev/zero", false, "cannot read /dev/zero: a character device, not a regular"},
+            {big, false, "cannot read " + big + ": larger than 64 MiB"},
+            {long_line, false, long_line + ":1: longer than 1 MiB"},
+            {odd, false, odd + ":1: bad request hex '7': '7' is not pairs of hex digits"},
+            {repeated, true, repeated + ":2: the same request as line 1, which this line replaces"},
+            {s.path("missing"), false, "cannot read " + s.path("missing") + ": No such file"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.file);
+        const auto start = Clock::now();
+        ChildOutcome tool = run_program(TOLVEN_DIAG_TOOL, {"-t", "500", "00"},
+                                        "LIBDIAG_SIM_ANSWERS='" + row.file + "'", 20);
+        EXPECT_EQ(row.accepted ? 0 : 1, tool.exit_code) << tool.err;
+        EXPECT_NE(
+                std::string::npos,
+                tool.err.find("libdiag: " + std::string(row.accepted ? "warning: " : "") + row.said))
+                << tool.err;
+        // Refused at once: nothing waits on a FIFO or reads without end.
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(5 * time_scale()));
+
+        if (row.accepted) continue;
+        ChildOutcome modem = run_program(TOLVEN_DIAG_MODEM, {"--answers", row.file}, "", 20);
+        EXPECT_EQ(1, modem.exit_code) << modem.err;
+        EXPECT_NE(std::string::npos, modem.err.find("tolven-diag-modem: " + row.said)) << modem.err;
+    }
+}
+
+// --link PATH of the pty modem: made only where nothing is, replacing only a link that an
+// earlier run left to a pty that is gone, and removed at the end only while it is still the one
+// made.
+TEST(PathsWritten, OnlyWhatTheProgramMade) {
+    Scratch s;
+    ASSERT_FALSE(s.dir.empty());
+    enum Before { kNothing, kFile, kDir, kForeignLink, kLeftover, kSwapped };
+    struct Row {
+        const char* name;
+        Before before;
+        bool starts;
+    };
+    const Row rows[] = {
+            {"nothing there", kNothing, true},
+            {"a file", kFile, false},
+            {"a directory", kDir, false},
+            {"a link of the user's", kForeignLink, false},
+            {"a leftover link to a gone pty", kLeftover, true},
+            {"made, then replaced by the user", kSwapped, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string link = s.path(std::string("link") + std::to_string(row.before));
+        const std::string precious = s.write("precious", "precious\n");
+        if (row.before == kFile) s.write(link.substr(s.dir.size() + 1), "precious\n");
+        if (row.before == kDir) mkdir(link.c_str(), 0700);
+        const char* old_target = row.before == kForeignLink ? precious.c_str()
+                                 : row.before == kLeftover  ? "/dev/pts/999999"
+                                                            : nullptr;
+        if (old_target != nullptr) {
+            ASSERT_EQ(0, symlink(old_target, link.c_str()));
+        }
+
+        ModemProcess modem(TOLVEN_DIAG_MODEM, {"--link", link});
+        EXPECT_EQ(row.starts, !modem.path().empty());
+        if (row.starts) {
+            char target[256] = {};
+            ASSERT_GT(readlink(link.c_str(), target, sizeof target - 1), 0);
+            EXPECT_EQ(modem.path(), target);
+            if (row.before == kSwapped) {
+                unlink(link.c_str());
+                ASSERT_EQ(0, symlink(precious.c_str(), link.c_str()));
+            }
+        }
+        EXPECT_EQ(row.starts ? 0 : 1, modem.stop());
+        struct stat st;
+        const bool there = lstat(link.c_str(), &st) == 0;
+        switch (row.before) {
+            case kNothing:
+            case kLeftover:
+                EXPECT_FALSE(there) << "the link made was not removed";
+                break;
+            case kFile:
+                EXPECT_EQ("precious\n", read_file(link));
+                break;
+            case kDir:
+                EXPECT_TRUE(there && S_ISDIR(st.st_mode));
+                break;
+            case kForeignLink:
+            case kSwapped:
+                EXPECT_TRUE(there && S_ISLNK(st.st_mode));
+                EXPECT_EQ("precious\n", read_file(link));
+                break;
+        }
+        EXPECT_EQ("precious\n", read_file(precious));
+    }
+}
+
+}  // namespace

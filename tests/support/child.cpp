@@ -1,0 +1,114 @@
+#include "child.h"
+
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+extern char** environ;
+
+namespace {
+
+std::string quoted(const std::string& word) {
+    std::string q = "'";
+    for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+// Clears the project's variables, so that a developer's own settings stay out of the child.
+void clear_project_env() {
+    for (char** e = environ; *e != nullptr;) {
+        std::string var = *e;
+        if (var.rfind("TOLVEN_", 0) == 0 || var.rfind("LIBDIAG_", 0) == 0) {
+            unsetenv(var.substr(0, var.find('=')).c_str());
+        } else {
+            ++e;
+        }
+    }
+}
+
+const std::string& emulator() {
+    // Read before the environment is cleared, once.
+    static const std::string words =
+            getenv("TOLVEN_TEST_EMULATOR") != nullptr ? getenv("TOLVEN_TEST_EMULATOR") : "";
+    return words;
+}
+
+}  // namespace
+
+std::vector<std::string> emulated(std::vector<std::string> args) {
+    std::vector<std::string> words;
+    std::istringstream in(emulator());
+    for (std::string w; in >> w;) words.push_back(w);
+    words.insert(words.end(), args.begin(), args.end());
+    return words;
+}
+
+ChildOutcome run_program(const std::string& program, const std::vector<std::string>& args,
+                         const std::string& prefix, int limit_s) {
+    std::vector<std::string> words = emulated({program});
+    clear_project_env();
+    static int serial = 0;
+    const std::string err_path =
+            "/tmp/tolven_child_err_" + std::to_string(getpid()) + "_" + std::to_string(serial++);
+    std::string cmd = prefix + " timeout -s KILL " + std::to_string(limit_s);
+    for (const std::string& w : words) cmd += " " + quoted(w);
+    for (const std::string& a : args) cmd += " " + quoted(a);
+    ChildOutcome r;
+    FILE* out = popen((cmd + " 2>" + quoted(err_path)).c_str(), "r");
+    char buf[4096];
+    for (size_t n; out != nullptr && (n = fread(buf, 1, sizeof buf, out)) > 0;)
+        r.out.append(buf, n);
+    int status = out != nullptr ? pclose(out) : -1;
+    // timeout exits with 137 for a child it killed.
+    if (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) != 137) {
+        r.exit_code = WEXITSTATUS(status);
+    }
+    std::stringstream err;
+    err << std::ifstream(err_path).rdbuf();
+    r.err = err.str();
+    unlink(err_path.c_str());
+    return r;
+}
+
+ModemProcess::ModemProcess(const std::string& program, const std::vector<std::string>& options) {
+    std::vector<std::string> words = emulated({program});
+    words.insert(words.end(), options.begin(), options.end());
+    int out[2];
+    if (pipe(out) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(out[1], STDOUT_FILENO);
+        close(out[0]);
+        close(out[1]);
+        std::vector<char*> argv;
+        for (std::string& w : words) argv.push_back(w.data());
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    close(out[1]);
+    FILE* in = fdopen(out[0], "r");
+    char line[256] = "";
+    if (in != nullptr && fgets(line, sizeof line, in) != nullptr) {
+        path_ = std::string(line, strcspn(line, "\n"));
+    }
+    if (in != nullptr) fclose(in);
+}
+
+int ModemProcess::stop() {
+    if (pid_ > 0) {
+        int status = 0;
+        kill(pid_, SIGTERM);
+        if (waitpid(pid_, &status, 0) == pid_) {
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        }
+        pid_ = -1;
+    }
+    return status_;
+}
