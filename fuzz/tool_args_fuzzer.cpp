@@ -25,12 +25,13 @@ namespace {
 
 bool same(const Options& a, const Options& b) {
     if (a.action != b.action) return false;
-    if (a.action == Action::kHelp || a.action == Action::kVersion) return true;
+    if (a.action == Action::kHelp) return true;
+    if (a.action == Action::kVersion) return a.json == b.json;
     return a.mode == b.mode && a.timeout_ms == b.timeout_ms && a.capacity == b.capacity &&
-           a.linger_ms == b.linger_ms && a.count == b.count && a.interval_ms == b.interval_ms &&
-           a.verbose == b.verbose && a.raw == b.raw && a.json == b.json && a.port == b.port &&
-           a.offline_date == b.offline_date && a.out_dir == b.out_dir && a.props == b.props &&
-           a.packet == b.packet;
+           a.linger_ms == b.linger_ms && a.count == b.count && a.count_given == b.count_given &&
+           a.interval_ms == b.interval_ms && a.verbose == b.verbose && a.raw == b.raw &&
+           a.json == b.json && a.port == b.port && a.offline_date == b.offline_date &&
+           a.out_dir == b.out_dir && a.props == b.props && a.packet == b.packet;
 }
 
 std::string hex(const std::vector<uint8_t>& bytes) {
@@ -46,9 +47,13 @@ std::string hex(const std::vector<uint8_t>& bytes) {
 // The options written back in long form, one value per argument.
 std::vector<std::string> to_args(const Options& o) {
     if (o.action == Action::kHelp) return {"--help"};
-    if (o.action == Action::kVersion) return {"--version"};
+    if (o.action == Action::kVersion) {
+        return o.json ? std::vector<std::string>{"--version", "--json"}
+                      : std::vector<std::string>{"--version"};
+    }
     std::vector<std::string> a;
     if (o.verbose) a.push_back("-v");
+    if (o.json) a.push_back("--json");
     if (!o.port.empty()) a.insert(a.end(), {"--port", o.port});
     if (o.action == Action::kMdm) {
         a.push_back("--mdm");
@@ -66,10 +71,10 @@ std::vector<std::string> to_args(const Options& o) {
         if (o.linger_ms >= 0) a.insert(a.end(), {"--linger", std::to_string(o.linger_ms)});
     } else {
         a.insert(a.end(), {"--timeout", std::to_string(o.timeout_ms), "--capacity",
-                           std::to_string(o.capacity), "--count", std::to_string(o.count)});
+                           std::to_string(o.capacity)});
+        if (o.count_given) a.insert(a.end(), {"--count", std::to_string(o.count)});
         if (o.count > 1) a.insert(a.end(), {"--interval", std::to_string(o.interval_ms)});
         if (o.raw) a.push_back("--raw");
-        if (o.json) a.push_back("--json");
     }
     a.insert(a.end(), {"--", hex(o.packet)});
     return a;
@@ -89,7 +94,7 @@ void check_consistent(const Options& o) {
     const Options defaults;
     if (o.action != Action::kSend) {
         require(o.timeout_ms == defaults.timeout_ms && o.capacity == defaults.capacity &&
-                        o.count == 1 && !o.raw && !o.json,
+                        o.count == 1 && !o.count_given && !o.raw,
                 "send options only for synchronous sends");
     }
     require(o.action == Action::kNoWait || o.linger_ms == -1, "linger only with --no-wait");

@@ -30,7 +30,9 @@ all_options=$(printf '%s\n' "${options[@]}" | sort | paste -sd ' ')
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 mkdir "$tmp/logs"
+# Regular files are never offered as ports; a link to a character device is.
 touch "$tmp/modem.sock" "$tmp/tty-notes"
+ln -s /dev/null "$tmp/tty-link"
 printf '%s\n' lab1 lab2 other >"$tmp/hosts"
 export HOSTFILE=$tmp/hosts
 cd "$tmp" || exit 1
@@ -54,12 +56,13 @@ cases=(
     "tolven-diag --count=|"
     "tolven-diag -n --linger |"
     "tolven-diag --offline-log-dir |"
-    "tolven-diag --port |~logs modem.sock tcp: tty-notes"
-    "tolven-diag --port t|tcp: tty-notes"
+    "tolven-diag --port |~logs tcp: tty-link"
+    "tolven-diag --port t|tcp: tty-link"
     "tolven-diag --port=tc|tcp:"
     "tolven-diag --port tcp:la|lab1: lab2:"
     "tolven-diag --port=tcp:lab1:|"
-    "tolven-diag --port m|modem.sock"
+    "tolven-diag --port m|"
+    "tolven-diag --port l|logs"
     "tolven-diag --out-dir |logs"
     "tolven-diag --offline-log-dir d --out-dir=l|logs"
     "tolven-diag --prop debug.|debug.offline_log.enable= debug.offline_log.module="

@@ -43,7 +43,13 @@ struct Capture {
 };
 Capture& g_capture = *new Capture;
 
-unsigned parse_levels(const char* text, unsigned fallback) {
+// The levels the library logs at.
+constexpr unsigned kKnownLevels = (1u << 1) | (1u << 4);
+
+// "1,4", "all" or "none"; a value that is none of these is named and the default kept, as the
+// other stand-ins do with their variables.
+unsigned parse_levels(const char* name, unsigned fallback) {
+    const char* text = getenv(name);
     if (text == nullptr) return fallback;
     if (strcmp(text, "all") == 0) return ~0u;
     if (strcmp(text, "none") == 0) return 0;
@@ -52,20 +58,35 @@ unsigned parse_levels(const char* text, unsigned fallback) {
     while (*p != '\0') {
         char* end = nullptr;
         long level = strtol(p, &end, 10);
-        if (end == p || level < 0 || level > 31) return fallback;
+        if (end == p || level < 0 || level > 31 || !((kKnownLevels >> level) & 1u) ||
+            (*end != ',' && *end != '\0')) {
+            fprintf(stderr, "libtolven_utils: ignoring %s=%s (want 1, 4, 1,4, all or none)\n", name,
+                    text);
+            return fallback;
+        }
         levels |= 1u << level;
-        p = end;
-        if (*p == ',') ++p;
+        p = *end == ',' ? end + 1 : end;
     }
     return levels;
 }
 
+int parse_instance(const char* name) {
+    const char* text = getenv(name);
+    if (text == nullptr) return kNoInstance;
+    char* end = nullptr;
+    long id = strtol(text, &end, 10);
+    if (*text == '\0' || *end != '\0' || id < 0 || id > kNoInstance) {
+        fprintf(stderr, "libtolven_utils: ignoring %s=%s (want 0..255; 255 is none)\n", name, text);
+        return kNoInstance;
+    }
+    return static_cast<int>(id);
+}
+
 void load_env() {
-    g_syslog_levels.store(parse_levels(getenv("TOLVEN_LOG_SYSLOG"), kDefaultSyslogLevels),
+    g_syslog_levels.store(parse_levels("TOLVEN_LOG_SYSLOG", kDefaultSyslogLevels),
                           std::memory_order_relaxed);
-    g_shell_levels.store(parse_levels(getenv("TOLVEN_LOG_SHELL"), 0), std::memory_order_relaxed);
-    const char* id = getenv("TOLVEN_INSTANCE_ID");
-    g_instance_id.store(id != nullptr ? atoi(id) : kNoInstance, std::memory_order_relaxed);
+    g_shell_levels.store(parse_levels("TOLVEN_LOG_SHELL", 0), std::memory_order_relaxed);
+    g_instance_id.store(parse_instance("TOLVEN_INSTANCE_ID"), std::memory_order_relaxed);
     const char* name = getenv("TOLVEN_PROCESS_NAME");
     std::lock_guard<std::mutex> lock(g_name_lock);
     g_process_name = name != nullptr ? name : program_invocation_short_name;

@@ -64,11 +64,12 @@ constexpr OptionDef kOptionTable[] = {
 const char kUsage[] =
         "Usage: tolven-diag [-m dci|callback] [-t MS] [-c N] [--count N [--interval MS]]\n"
         "                   [--raw] [--json] [--port PORT [--framing F]] [-v] HEX...\n"
-        "       tolven-diag -n [-m dci|callback] [--linger MS] [--port PORT [--framing F]]\n"
-        "                   [-v] HEX...\n"
-        "       tolven-diag --mdm [--port PORT] [-v]\n"
-        "       tolven-diag [--prop KEY=VALUE]... --offline-log-dir DATE [--out-dir DIR] [-v]\n"
-        "       tolven-diag -h | --help | --version\n"
+        "       tolven-diag -n [-m dci|callback] [--linger MS] [--json]\n"
+        "                   [--port PORT [--framing F]] [-v] HEX...\n"
+        "       tolven-diag --mdm [--json] [--port PORT] [-v]\n"
+        "       tolven-diag [--prop KEY=VALUE]... --offline-log-dir DATE [--out-dir DIR]\n"
+        "                   [--json] [-v]\n"
+        "       tolven-diag -h | --help | --version [--json]\n"
         "\n"
         "Sends one diag command packet to the modem through libtolven_diag and prints the\n"
         "reply as hex, decoded where the command is known, with the library's result.\n"
@@ -86,14 +87,18 @@ const char kUsage[] =
         "                         value outside 1..60000 by 3000\n"
         "  -c, --capacity N       reply buffer size in bytes, 0 to 1048576 (default\n"
         "                         16384); a longer reply is cut; the library refuses 0\n"
-        "      --count N          send the packet N times and end with a summary\n"
-        "      --interval MS      with --count: pause between sends (default 1000)\n"
+        "      --count N          send the packet N times (1 to 1000000) and end with\n"
+        "                         a summary\n"
+        "      --interval MS      with --count: pause between sends, 0 to 3600000\n"
+        "                         (default 1000)\n"
         "      --raw              hex only, no decoding of the reply\n"
-        "      --json             one JSON object per send on standard output\n"
+        "      --json             one JSON object per send (and per result of --mdm,\n"
+        "                         --offline-log-dir, --no-wait, --version) on\n"
+        "                         standard output\n"
         "  -n, --no-wait          fire and forget: a worker thread of the library\n"
         "                         sends the packet and only logs the reply\n"
-        "      --linger MS        with --no-wait: wait MS after the call before\n"
-        "                         exiting (default: until the worker has ended)\n"
+        "      --linger MS        with --no-wait: wait MS (0 to 600000) after the call\n"
+        "                         before exiting (default: until the worker has ended)\n"
         "      --port PORT        use the modem on the diag port PORT: a serial\n"
         "                         device, or tcp:HOST:PORT for one shared on the\n"
         "                         network (sets LIBDIAG_PORT for the diag library)\n"
@@ -152,7 +157,8 @@ bool parse_number(const std::string& name, const std::string& text, long long mi
 
 class Parser {
   public:
-    Parser(Options* o, std::string* error) : o_(o), error_(error) {}
+    Parser(Options* o, std::string* error, const std::string& env_port)
+        : o_(o), error_(error), env_port_(env_port) {}
 
     int run(const std::vector<std::string>& args) {
         bool options_done = false;
@@ -186,7 +192,7 @@ class Parser {
                     return fail("option " + written + " needs a value");
                 }
                 if (!apply(*def, written, value)) return kExitUsage;
-                if (done_) return kExitOk;
+                if (done_) return finish_early(args);
                 continue;
             }
             // A cluster of short options; one that takes a value ends it.
@@ -206,13 +212,22 @@ class Parser {
                     j = a.size();
                 }
                 if (!apply(*def, written, value)) return kExitUsage;
-                if (done_) return kExitOk;
+                if (done_) return finish_early(args);
             }
         }
         return check(any_packet_arg);
     }
 
   private:
+    // --help and --version end the parsing; --json anywhere still asks for --version in JSON.
+    int finish_early(const std::vector<std::string>& args) {
+        for (const std::string& a : args) {
+            if (a == "--") break;
+            if (a == "--json") o_->json = true;
+        }
+        return kExitOk;
+    }
+
     static const OptionDef* find_long(const std::string& name) {
         for (const OptionDef& s : kOptionTable) {
             if (name == s.name) return &s;
@@ -260,6 +275,7 @@ class Parser {
             case kOptLinger:
                 return number(written, value, 0, kMaxLingerMs, &o_->linger_ms);
             case kOptCount:
+                o_->count_given = true;
                 return number(written, value, 1, kMaxCount, &o_->count);
             case kOptInterval:
                 return number(written, value, 0, kMaxIntervalMs, &o_->interval_ms);
@@ -353,7 +369,7 @@ class Parser {
 
         // Options of the one action they serve.
         std::string stray = first_given({kOptMode, kOptTimeout, kOptCapacity, kOptNoWait,
-                                         kOptLinger, kOptCount, kOptInterval, kOptRaw, kOptJson});
+                                         kOptLinger, kOptCount, kOptInterval, kOptRaw});
         if (!packet && !stray.empty()) {
             return fail(stray + " does not apply to " + (given(kOptMdm) ? mdm : offline));
         }
@@ -361,8 +377,12 @@ class Parser {
         if (!stray.empty() && given(kOptOffline)) {
             return fail(stray + " does not apply to " + offline);
         }
-        if (given(kOptFraming) && !given(kOptPort)) {
-            return fail(seen_[kOptFraming] + " needs --port");
+        if (given(kOptFraming) && !given(kOptPort) && env_port_.empty()) {
+            return fail(seen_[kOptFraming] + " needs --port (or LIBDIAG_PORT)");
+        }
+        if (!given(kOptPort) && !given(kOptOffline) && !env_port_.empty()) {
+            o_->port = env_port_;
+            o_->port_from_env = true;
         }
         stray = first_given({kOptOutDir, kOptProp});
         if (!stray.empty() && !given(kOptOffline)) {
@@ -378,8 +398,7 @@ class Parser {
                         std::to_string(kMaxPacket));
         }
         if (given(kOptNoWait)) {
-            stray = first_given(
-                    {kOptTimeout, kOptCapacity, kOptCount, kOptInterval, kOptRaw, kOptJson});
+            stray = first_given({kOptTimeout, kOptCapacity, kOptCount, kOptInterval, kOptRaw});
             if (!stray.empty()) {
                 return fail(stray + " does not apply with " + seen_[kOptNoWait] +
                             ": a fire-and-forget send has no reply");
@@ -395,16 +414,18 @@ class Parser {
 
     Options* o_;
     std::string* error_;
+    const std::string env_port_;
     std::string seen_[kOptCount_];  // each option as last written; empty when not given
     bool done_ = false;
 };
 
 }  // namespace
 
-int parse_args(const std::vector<std::string>& args, Options* out, std::string* error) {
+int parse_args(const std::vector<std::string>& args, Options* out, std::string* error,
+               const std::string& env_port) {
     Options o;
     std::string message;
-    int status = Parser(&o, &message).run(args);
+    int status = Parser(&o, &message, env_port).run(args);
     if (status != kExitOk) {
         *error = message;
         return status;

@@ -36,12 +36,14 @@ struct Options {
     int capacity = kDefaultCapacity;
     int linger_ms = -1;  // -1: as long as the worker lives
     int count = 1;
+    bool count_given = false;  // --count, even of 1: the run ends with a summary
     int interval_ms = kDefaultIntervalMs;
     bool verbose = false;
     bool raw = false;
     bool json = false;
-    std::string port;     // empty: not given
-    std::string framing;  // "hdlc" or "nhdlc"; empty: not given
+    std::string port;            // empty: not given
+    bool port_from_env = false;  // |port| is LIBDIAG_PORT's, not --port's
+    std::string framing;         // "hdlc" or "nhdlc"; empty: not given
     std::string offline_date;
     std::string out_dir;
     std::vector<std::pair<std::string, std::string>> props;
@@ -49,8 +51,10 @@ struct Options {
 };
 
 // Parses the arguments after the program name. Returns kExitOk with |*out| filled, or
-// kExitUsage with a one-line message in |*error| (without the program name).
-int parse_args(const std::vector<std::string>& args, Options* out, std::string* error);
+// kExitUsage with a one-line message in |*error| (without the program name). |env_port| is
+// LIBDIAG_PORT: the port of a send or --mdm without --port.
+int parse_args(const std::vector<std::string>& args, Options* out, std::string* error,
+               const std::string& env_port = "");
 
 const char* mode_name(Mode mode);
 

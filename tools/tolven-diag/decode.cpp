@@ -48,15 +48,15 @@ class Reader {
         size_t total = 0;
         for (size_t w : widths) total += w;
         if (!fits(name, total)) return false;
-        std::string shown;
+        std::string joined;
         for (size_t w : widths) {
             std::string part(reinterpret_cast<const char*>(data_ + pos_), w);
             part.resize(std::min(part.find('\0'), part.size()));
-            if (!shown.empty()) shown += ' ';
-            shown += printable(part);
+            if (!joined.empty()) joined += ' ';
+            joined += part;
             pos_ += w;
         }
-        add(name, shown, false, 0);
+        add(name, printable(joined), false, 0, joined);
         return true;
     }
 
@@ -67,13 +67,13 @@ class Reader {
         const uint8_t* nul = std::find(start, data_ + len_, 0);
         std::string value(reinterpret_cast<const char*>(start), nul - start);
         if (nul == data_ + len_) {
-            add(name, printable(value) + " (not terminated)", false, 0);
+            add(name, printable(value) + " (not terminated)", false, 0, value);
             pos_ = len_;
             out_->note = "short reply: ends after " + std::to_string(len_) + " bytes, inside '" +
                          name + "' before its terminating NUL";
             return false;
         }
-        add(name, printable(value), false, 0);
+        add(name, printable(value), false, 0, value);
         pos_ = nul - data_ + 1;
         return true;
     }
@@ -96,8 +96,9 @@ class Reader {
         }
     }
 
-    void add(const std::string& name, const std::string& text, bool has_number, long long v) {
-        out_->fields.push_back(Field{name, text, has_number, v});
+    void add(const std::string& name, const std::string& text, bool has_number, long long v,
+             const std::string& value = {}) {
+        out_->fields.push_back(Field{name, text, has_number, v, value.empty() ? text : value});
     }
 
   private:

@@ -13,9 +13,10 @@ namespace tolven_diag_tool {
 
 struct Field {
     std::string name;  // "firmware revision"; the JSON key is "firmware_revision"
-    std::string text;  // as shown
+    std::string text;  // as shown, with unprintable characters written as \xNN
     bool has_number = false;
     long long number = 0;
+    std::string value;  // the characters themselves, for JSON
 };
 
 struct Decoded {

@@ -36,9 +36,12 @@ std::string port_problem(const std::string& port) {
     return "";
 }
 
-void warn_port(const Options& o, const char* consequence) {
+std::string warn_port(const Options& o, const char* consequence) {
     std::string problem = o.port.empty() ? "" : port_problem(o.port);
-    if (!problem.empty()) error("warning: " + problem + "; " + consequence);
+    if (problem.empty()) return "";
+    problem += "; " + std::string(consequence);
+    error("warning: " + problem);
+    return problem;
 }
 
 void explain_failure(const Options& o, int reply_len, Run* run) {

@@ -16,7 +16,8 @@ void explain_failure(const Options& o, int reply_len, Run* run);
 // (or is a network port, which only a connection can tell).
 std::string port_problem(const std::string& port);
 
-// Before a call whose failure the tool cannot see: a warning about a port that cannot work.
-void warn_port(const Options& o, const char* consequence);
+// Before a call whose failure the tool cannot see: a warning about a port that cannot work,
+// also returned ("" when the port looks usable).
+std::string warn_port(const Options& o, const char* consequence);
 
 }  // namespace tolven_diag_tool

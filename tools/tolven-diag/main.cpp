@@ -34,15 +34,25 @@ int run(const Options& o, FILE* out) {
             fputs(usage_text(), out);
             return kExitOk;
         case Action::kVersion:
-            print_version(out);
+            print_version(out, o.json);
             return kExitOk;
         case Action::kOfflineLogDir:
             return offline_log_dir(o, out);
-        case Action::kMdm:
-            warn_port(o, "the diag library cannot reach that modem");
-            fprintf(out, "remote modem: %s%s\n",
-                    tolven_diag_is_mdm_supported() ? "present" : "absent", port_text(o).c_str());
+        case Action::kMdm: {
+            const std::string problem = warn_port(o, "the diag library cannot reach that modem");
+            const char* answer = tolven_diag_is_mdm_supported() ? "present" : "absent";
+            if (!o.json) {
+                fprintf(out, "remote modem: %s%s\n", answer, port_text(o).c_str());
+                return kExitOk;
+            }
+            Json::Value j;
+            j["remote_modem"] = answer;
+            j["port"] = o.port.empty() ? Json::Value() : Json::Value(o.port);
+            j["notes"] = Json::Value(Json::arrayValue);
+            if (!problem.empty()) j["notes"].append(problem);
+            print_json_value(out, j);
             return kExitOk;
+        }
         case Action::kNoWait:
             return send_no_wait(o, out);
         case Action::kSend:
@@ -56,7 +66,9 @@ int run(const Options& o, FILE* out) {
 int main(int argc, char** argv) {
     Options o;
     std::string message;
-    if (parse_args(std::vector<std::string>(argv + 1, argv + argc), &o, &message) != kExitOk) {
+    const char* env_port = getenv("LIBDIAG_PORT");
+    if (parse_args(std::vector<std::string>(argv + 1, argv + argc), &o, &message,
+                   env_port != nullptr ? env_port : "") != kExitOk) {
         fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProg, message.c_str(),
                 kProg);
         return kExitUsage;
@@ -79,7 +91,7 @@ int main(int argc, char** argv) {
     if (!o.port.empty()) setenv("LIBDIAG_PORT", o.port.c_str(), 1);
     if (!o.framing.empty()) setenv("LIBDIAG_FRAMING", o.framing.c_str(), 1);
     int status = run(o, out);
-    if (fflush(out) != 0 || ferror(out)) {
+    if (!output_ok(out)) {
         error(std::string("cannot write the output: ") + strerror(errno));
         return kExitFailed;
     }

@@ -79,40 +79,34 @@ void print_text(FILE* out, const Options& o, const Run& run, const Run* shown) {
 }
 
 void print_json(FILE* out, const Options& o, const Run& run) {
-    Json::Value j;
+    Json::Value j = json_send(o, "sync");
     j["seq"] = run.seq;
-    j["request"] = json_hex(o.packet);
-    j["mode"] = mode_name(o.mode);
-    if (!o.port.empty()) j["port"] = o.port;
     j["timeout_ms"] = effective_timeout_ms(o.mode, o.timeout_ms);
     j["timeout_asked_ms"] = o.timeout_ms;
     j["capacity"] = o.capacity;
     j["result"] = run.result;
     j["outcome"] = outcome_name(run.outcome);
     j["elapsed_ms"] = run.elapsed_ms;
-    if (run.outcome != Outcome::kOk) {
-        j["reply"] = Json::Value();
-        j["error"] = run.why;
-        write_json(out, j);
-        error(run.why);
-        return;
-    }
-    j["reply_len"] = static_cast<Json::UInt64>(run.reply.size());
-    j["reply"] = json_hex(run.reply);
-    Decoded d;
-    bool decoded = decode_reply(o.packet, run.reply.data(), run.reply.size(), &d);
-    if (d.wrapped) j["subscription"] = d.subscription;
-    if (!o.raw && decoded && !d.kind.empty()) {
-        Json::Value& fields = j["decoded"];
-        fields["kind"] = d.kind;
-        for (const Field& f : d.fields) {
-            fields[json_key(f.name)] =
-                    f.has_number ? Json::Value(static_cast<Json::Int64>(f.number)) : f.text;
-        }
-        if (!d.note.empty()) fields["note"] = d.note;
-    }
+    if (run.outcome != Outcome::kOk) j["error"] = run.why;
+    if (run.reply_len_written) j["reply_len"] = run.reply_len;
     for (const std::string& n : run.notes) j["notes"].append(n);
+    if (run.outcome == Outcome::kOk) {
+        j["reply"] = json_hex(run.reply);
+        Decoded d;
+        bool decoded = decode_reply(o.packet, run.reply.data(), run.reply.size(), &d);
+        if (d.wrapped) j["subscription"] = d.subscription;
+        if (!o.raw && decoded && !d.kind.empty()) {
+            Json::Value& fields = j["decoded"];
+            fields["kind"] = d.kind;
+            for (const Field& f : d.fields) {
+                fields[json_key(f.name)] =
+                        f.has_number ? Json::Value(static_cast<Json::Int64>(f.number)) : f.value;
+            }
+        }
+        if (!o.raw && decoded && !d.note.empty()) j["notes"].append(d.note);
+    }
     write_json(out, j);
+    if (run.outcome != Outcome::kOk) error(run.why);
 }
 
 double median_of(const std::vector<double>& sorted) {
@@ -121,6 +115,32 @@ double median_of(const std::vector<double>& sorted) {
 }
 
 }  // namespace
+
+// Every send object has every key, null where it does not apply, so that scripts need no test
+// for a key's presence.
+Json::Value json_send(const Options& o, const char* kind) {
+    Json::Value j;
+    for (const char* key :
+         {"capacity", "decoded", "elapsed_ms", "error", "outcome", "reply", "reply_len", "result",
+          "subscription", "timeout_asked_ms", "timeout_ms"}) {
+        j[key] = Json::Value();
+    }
+    j["seq"] = 1;
+    j["kind"] = kind;
+    j["request"] = json_hex(o.packet);
+    j["mode"] = mode_name(o.mode);
+    j["port"] = o.port.empty() ? Json::Value() : Json::Value(o.port);
+    j["notes"] = Json::Value(Json::arrayValue);
+    return j;
+}
+
+void print_json_value(FILE* out, const Json::Value& value) {
+    write_json(out, value);
+}
+
+bool output_ok(FILE* out) {
+    return fflush(out) == 0 && !ferror(out);
+}
 
 void error(const std::string& message) {
     fprintf(stderr, "%s: %s\n", kProg, message.c_str());
@@ -156,7 +176,9 @@ void dump(FILE* out, const uint8_t* data, size_t len) {
 
 std::string port_text(const Options& o) {
     if (o.port.empty()) return "";
-    return ", port " + o.port + (o.framing.empty() ? "" : " (" + o.framing + ")");
+    std::string note = o.framing;
+    if (o.port_from_env) note += std::string(note.empty() ? "" : ", ") + "from LIBDIAG_PORT";
+    return ", port " + o.port + (note.empty() ? "" : " (" + note + ")");
 }
 
 void print_request(FILE* out, const Options& o) {

@@ -7,10 +7,21 @@
 #include <string>
 #include <vector>
 
+#include <json/value.h>
+
 #include "args.h"
 #include "send.h"
 
 namespace tolven_diag_tool {
+
+// A send's JSON object with every key of one, null where nothing is known yet; |kind| is "sync"
+// or "no-wait".
+Json::Value json_send(const Options& o, const char* kind);
+// One JSON object a line, keys in order, milliseconds to a tenth.
+void print_json_value(FILE* out, const Json::Value& value);
+
+// Flushes |out|; false once a write to it failed.
+bool output_ok(FILE* out);
 
 // "tolven-diag: MESSAGE" on standard error.
 void error(const std::string& message);

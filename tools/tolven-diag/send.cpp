@@ -36,10 +36,13 @@ Run send_once(const Options& o, int seq) {
     run.elapsed_ms =
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
                     .count();
+    run.reply_len = reply_len;
     if (run.result != 0) {
         explain_failure(o, reply_len, &run);
+        run.reply_len_written = run.outcome == Outcome::kTimedOut;
         return run;
     }
+    run.reply_len_written = true;
     run.outcome = Outcome::kOk;
     run.reply.assign(buf.begin(), buf.begin() + std::clamp(reply_len, 0, o.capacity));
     if (reply_len == o.capacity) {
@@ -79,11 +82,13 @@ int send_with_result(const Options& o, FILE* out) {
         runs.push_back(send_once(o, seq));
         const Run& run = runs.back();
         print_run(out, o, run, shown);
+        // Nobody sees the rest: stop sending (main says why).
+        if (!output_ok(out)) return kExitFailed;
         if (run.outcome == Outcome::kOk && (shown == nullptr || shown->reply != run.reply)) {
             shown = &run;
         }
     }
-    if (o.count > 1) print_summary(out, o, runs);
+    if (o.count_given) print_summary(out, o, runs);
     bool all_ok = std::all_of(runs.begin(), runs.end(),
                               [](const Run& r) { return r.outcome == Outcome::kOk; });
     return all_ok ? kExitOk : kExitFailed;
@@ -91,24 +96,47 @@ int send_with_result(const Options& o, FILE* out) {
 
 int send_no_wait(const Options& o, FILE* out) {
     const int len = static_cast<int>(o.packet.size());
-    fprintf(out, "request: %s, %s mode, no wait%s\n", bytes_text(len).c_str(), mode_name(o.mode),
-            port_text(o).c_str());
-    dump(out, o.packet.data(), o.packet.size());
+    if (!o.json) {
+        fprintf(out, "request: %s, %s mode, no wait%s\n", bytes_text(len).c_str(),
+                mode_name(o.mode), port_text(o).c_str());
+        dump(out, o.packet.data(), o.packet.size());
+    }
+    auto start = std::chrono::steady_clock::now();
     int result = o.mode == Mode::kDci ? tolven_diag_cmd_send_without_result(o.packet.data(), len)
                                       : tolven_diag_cmd_send_without_result_by_callback_mode(
                                                 o.packet.data(), len);
+    Json::Value j = json_send(o, "no-wait");
+    j["result"] = result;
     if (result != 0) {
-        fprintf(out, "result: %d (refused)\n", result);
-        error("the library refused the packet");
+        const std::string why = "the library refused the packet";
+        if (o.json) {
+            j["outcome"] = outcome_name(Outcome::kRefused);
+            j["error"] = why;
+            print_json_value(out, j);
+        } else {
+            fprintf(out, "result: %d (refused)\n", result);
+        }
+        error(why);
         return kExitFailed;
     }
-    fprintf(out, "handed to a worker thread; it logs only the length of each answer%s\n",
-            o.verbose ? "" : " (--verbose shows its trace)");
     int linger = o.linger_ms >= 0 ? o.linger_ms : worker_remaining_ms(o.mode);
-    fprintf(out, "waiting %d ms %s\n", linger,
-            o.linger_ms >= 0 ? "(--linger)" : "for the worker to end");
+    if (!o.json) {
+        fprintf(out, "handed to a worker thread; it logs only the length of each answer%s\n",
+                o.verbose ? "" : " (--verbose shows its trace)");
+        fprintf(out, "waiting %d ms %s\n", linger,
+                o.linger_ms >= 0 ? "(--linger)" : "for the worker to end");
+    }
     sleep_ms(linger);
-    fprintf(out, "result: 0 (ok)\n");
+    if (!o.json) {
+        fprintf(out, "result: 0 (ok)\n");
+        return kExitOk;
+    }
+    j["outcome"] = outcome_name(Outcome::kOk);
+    j["elapsed_ms"] =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                    .count();
+    j["notes"].append("handed to a worker thread, which logs only the length of each answer");
+    print_json_value(out, j);
     return kExitOk;
 }
 

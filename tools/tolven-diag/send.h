@@ -20,8 +20,11 @@ struct Run {
     Outcome outcome = Outcome::kDiagError;
     double elapsed_ms = 0;
     std::vector<uint8_t> reply;
-    std::string why;                 // for a failure
-    std::vector<std::string> notes;  // for a success
+    // *reply_len as the library left it; written only by a send that waited for its reply.
+    int reply_len = 0;
+    bool reply_len_written = false;
+    std::string why;  // for a failure
+    std::vector<std::string> notes;
 };
 
 // The packet |o.count| times, |o.interval_ms| apart; the exit status.

@@ -40,7 +40,18 @@ _tolven_diag_files()
     ((${#COMPREPLY[@]} > had)) && compopt -o filenames 2>/dev/null
 }
 
-# A serial device, a file in general, or tcp:HOST:PORT with HOST from the known host names.
+# Directories, to walk into, and character devices (serial ports, ptys) starting with $cur,
+# appended to COMPREPLY: a port is never a regular file.
+_tolven_diag_devices()
+{
+    local f had=${#COMPREPLY[@]}
+    while IFS= read -r f; do
+        [[ -d $f || -c $f ]] && COMPREPLY+=("$f")
+    done < <(compgen -f -- "$cur")
+    ((${#COMPREPLY[@]} > had)) && compopt -o filenames 2>/dev/null
+}
+
+# A serial device or tcp:HOST:PORT with HOST from the known host names.
 _tolven_diag_port()
 {
     if [[ $cur == tcp:* ]]; then
@@ -54,7 +65,7 @@ _tolven_diag_port()
                 [[ -e $dev ]] && COMPREPLY+=("$dev")
             done
         fi
-        _tolven_diag_files
+        _tolven_diag_devices
     fi
     # Bash replaces only the text after the last colon of the word.
     if [[ $cur == *:* && $COMP_WORDBREAKS == *:* ]]; then

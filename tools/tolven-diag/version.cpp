@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "output.h"
 #include "tolven_diag.h"
 
 #ifndef TOLVEN_DIAG_TOOL_VERSION
@@ -63,21 +64,45 @@ int find_library(dl_phdr_info* info, size_t, void* data) {
     return 1;
 }
 
-// The file that holds |symbol| and its build id.
-std::string library_build(const void* symbol) {
+// The file that holds |symbol|, with its build id; an empty path when it is not loaded.
+Library library_of(const void* symbol) {
     Library lib{reinterpret_cast<uintptr_t>(symbol), "", ""};
-    if (symbol == nullptr || dl_iterate_phdr(find_library, &lib) == 0) return "not loaded";
-    return (lib.path.empty() ? "(unnamed)" : lib.path) +
-           (lib.build_id.empty() ? "" : ", build id " + lib.build_id);
+    if (symbol == nullptr || dl_iterate_phdr(find_library, &lib) == 0) return {0, "", ""};
+    if (lib.path.empty()) lib.path = "(unnamed)";
+    return lib;
+}
+
+std::string library_text(const Library& lib) {
+    if (lib.path.empty()) return "not loaded";
+    return lib.path + (lib.build_id.empty() ? "" : ", build id " + lib.build_id);
+}
+
+Json::Value library_json(const Library& lib) {
+    if (lib.path.empty()) return Json::Value();
+    Json::Value j;
+    j["path"] = lib.path;
+    j["build_id"] = lib.build_id.empty() ? Json::Value() : Json::Value(lib.build_id);
+    return j;
 }
 
 }  // namespace
 
-void print_version(FILE* out) {
+void print_version(FILE* out, bool json) {
+    const Library diag =
+            library_of(reinterpret_cast<const void*>(&tolven_diag_cmd_send_with_result));
+    const Library libdiag = library_of(dlsym(RTLD_DEFAULT, "Diag_LSM_Init"));
+    if (json) {
+        Json::Value j;
+        j["tool"] = "tolven-diag";
+        j["version"] = TOLVEN_DIAG_TOOL_VERSION;
+        j["libtolven_diag"] = library_json(diag);
+        j["libdiag"] = library_json(libdiag);
+        print_json_value(out, j);
+        return;
+    }
     fprintf(out, "tolven-diag %s\n", TOLVEN_DIAG_TOOL_VERSION);
-    fprintf(out, "libtolven_diag: %s\n",
-            library_build(reinterpret_cast<const void*>(&tolven_diag_cmd_send_with_result)).c_str());
-    fprintf(out, "libdiag: %s\n", library_build(dlsym(RTLD_DEFAULT, "Diag_LSM_Init")).c_str());
+    fprintf(out, "libtolven_diag: %s\n", library_text(diag).c_str());
+    fprintf(out, "libdiag: %s\n", library_text(libdiag).c_str());
 }
 
 }  // namespace tolven_diag_tool

@@ -5,6 +5,7 @@
 
 namespace tolven_diag_tool {
 
-void print_version(FILE* out);
+// As one JSON object with |json|.
+void print_version(FILE* out, bool json);
 
 }  // namespace tolven_diag_tool
