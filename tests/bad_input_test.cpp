@@ -1,16 +1,23 @@
 // Bad input as an adversarial user gives it, one rule a table: every file the tool and the
 // stand-ins read is a regular file, bounded, read with its errors reported, and never hangs them;
-// every path they write is theirs, never a file they did not make.
+// every path they write is theirs, never a file they did not make; every failure says its cause
+// where the user looks, without --verbose.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -162,6 +169,85 @@ TEST(PathsWritten, OnlyWhatTheProgramMade) {
                 break;
         }
         EXPECT_EQ("precious\n", read_file(precious));
+    }
+}
+
+// A port on the network that is no modem: it sends back what it gets, or nothing, or noise.
+class TcpPeer {
+  public:
+    enum Kind { kEcho, kSilent, kNoise };
+    explicit TcpPeer(Kind kind) : kind_(kind) {
+        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+            listen(listener_, 4) != 0 ||
+            getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+            return;
+        }
+        address_ = "tcp:127.0.0.1:" + std::to_string(ntohs(a.sin_port));
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~TcpPeer() {
+        done_ = true;
+        if (thread_.joinable()) thread_.join();
+        close(listener_);
+    }
+    const std::string& address() const { return address_; }
+
+  private:
+    void serve() {
+        std::vector<int> peers;
+        while (!done_) {
+            std::vector<pollfd> fds = {{listener_, POLLIN, 0}};
+            for (int p : peers) fds.push_back({p, POLLIN, 0});
+            if (poll(fds.data(), fds.size(), 50) <= 0) continue;
+            if (fds[0].revents & POLLIN)
+                peers.push_back(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
+            for (size_t i = 1; i < fds.size(); ++i) {
+                if (!(fds[i].revents & (POLLIN | POLLHUP))) continue;
+                char buf[4096];
+                ssize_t n = read(fds[i].fd, buf, sizeof buf);
+                if (n <= 0) continue;
+                if (kind_ == kEcho) (void)!write(fds[i].fd, buf, static_cast<size_t>(n));
+                if (kind_ == kNoise) (void)!write(fds[i].fd, "\x01\x02\x03 noise", 9);
+            }
+        }
+        for (int p : peers) close(p);
+    }
+
+    const Kind kind_;
+    int listener_ = -1;
+    std::string address_;
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
+
+// What the tool says when a port is no modem or a send cannot go out: the cause, on standard
+// output or standard error, without --verbose.
+TEST(FailuresSaid, TheCauseWhereTheUserLooks) {
+    TcpPeer echo(TcpPeer::kEcho);
+    ASSERT_FALSE(echo.address().empty());
+    struct Row {
+        const char* name;
+        std::vector<std::string> args;
+        int exit_code;
+        std::string said;  // in standard output and error together
+    };
+    const Row rows[] = {
+            {"a port that echoes",
+             {"--port", echo.address(), "-t", "500", "00"},
+             0,
+             "note: the reply is the request itself, byte for byte: a port that sends back what "
+             "it gets"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        ChildOutcome r = run_program(TOLVEN_DIAG_TOOL, row.args, "", 30);
+        EXPECT_EQ(row.exit_code, r.exit_code) << r.out << r.err;
+        EXPECT_NE(std::string::npos, (r.out + r.err).find(row.said)) << r.out << r.err;
     }
 }
 

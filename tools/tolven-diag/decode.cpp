@@ -105,8 +105,8 @@ class Reader {
     bool fits(const char* name, size_t width) {
         if (pos_ + width <= len_) return true;
         std::string where = pos_ == len_ ? "before '" : "inside '";
-        out_->note =
-                "short reply: ends after " + std::to_string(len_) + " bytes, " + where + name + "'";
+        out_->note = "short reply: ends after " + std::to_string(len_) +
+                     (len_ == 1 ? " byte, " : " bytes, ") + where + name + "'";
         if (full_ != 0) out_->note += "; a full reply has " + std::to_string(full_) + " bytes";
         return false;
     }

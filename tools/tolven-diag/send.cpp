@@ -20,6 +20,14 @@ void sleep_ms(int ms) {
     }
 }
 
+// A reply that repeats the request, where the command is not one that echoes by design (the test
+// subsystem's echo, 4B FE 01 00).
+bool echoed(const std::vector<uint8_t>& request, const std::vector<uint8_t>& reply) {
+    static const std::vector<uint8_t> kTestEcho = {0x4B, 0xFE, 0x01, 0x00};
+    return reply == request && !(request.size() >= kTestEcho.size() &&
+                                 std::equal(kTestEcho.begin(), kTestEcho.end(), request.begin()));
+}
+
 Run send_once(const Options& o, int seq) {
     Run run;
     run.seq = seq;
@@ -47,6 +55,12 @@ Run send_once(const Options& o, int seq) {
     run.reply.assign(buf.begin(), buf.begin() + std::clamp(reply_len, 0, o.capacity));
     if (reply_len == o.capacity) {
         run.notes.push_back("the reply fills the capacity; it may have been cut");
+    }
+    if (echoed(o.packet, run.reply)) {
+        run.notes.push_back(
+                "the reply is the request itself, byte for byte: a port that sends back what it "
+                "gets (a loopback, an AT port with echo on) looks like this; check that " +
+                (o.port.empty() ? std::string("the port") : o.port) + " is the modem's diag port");
     }
     if (whole_pieces(o.mode, reply_len)) {
         run.notes.push_back(
