@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -261,6 +262,23 @@ TEST(Tool, StopsAtTheFirstFailedWrite) {
         ++sends;
     }
     EXPECT_EQ(1u, sends);
+}
+
+// SIGINT or SIGTERM ends a run of sends after the send in flight, with the summary of what ran.
+TEST(Tool, SignalEndsARunWithItsSummary) {
+    const char* scale_text = getenv("TOLVEN_TEST_TIME_SCALE");
+    const int scale = scale_text != nullptr && atoi(scale_text) > 0 ? atoi(scale_text) : 1;
+    for (const auto& [sig, name, json] :
+         {std::make_tuple(SIGINT, "SIGINT", false), std::make_tuple(SIGTERM, "SIGTERM", true)}) {
+        std::vector<std::string> args = {"--count", "100", "--interval", "200", "1c"};
+        if (json) args.insert(args.begin(), "--json");
+        ChildOutcome r = run_program_interrupted(TOLVEN_DIAG_TOOL, args, 1000 * scale, sig);
+        EXPECT_EQ(128 + sig, r.exit_code) << r.out << r.err;
+        const std::string said = json ? "\"interrupted\":\"" + std::string(name) + "\""
+                                      : "; interrupted by " + std::string(name) + "\n";
+        EXPECT_NE(std::string::npos, r.out.find(said)) << r.out;
+        EXPECT_EQ(std::string::npos, r.out.find("100 sent")) << r.out;
+    }
 }
 
 // Every send object has the same keys, whatever its outcome or kind.

@@ -49,8 +49,11 @@ std::vector<std::string> emulated(std::vector<std::string> args) {
     return words;
 }
 
-ChildOutcome run_program(const std::string& program, const std::vector<std::string>& args,
-                         const std::string& prefix, int limit_s) {
+namespace {
+
+// |background| follows the command line: "& ..." to signal it from the shell.
+ChildOutcome run(const std::string& program, const std::vector<std::string>& args,
+                 const std::string& prefix, int limit_s, const std::string& background) {
     std::vector<std::string> words = emulated({program});
     clear_project_env();
     static int serial = 0;
@@ -59,8 +62,9 @@ ChildOutcome run_program(const std::string& program, const std::vector<std::stri
     std::string cmd = prefix + " timeout -s KILL " + std::to_string(limit_s);
     for (const std::string& w : words) cmd += " " + quoted(w);
     for (const std::string& a : args) cmd += " " + quoted(a);
+    cmd += " 2>" + quoted(err_path) + background;
     ChildOutcome r;
-    FILE* out = popen((cmd + " 2>" + quoted(err_path)).c_str(), "r");
+    FILE* out = popen(cmd.c_str(), "r");
     char buf[4096];
     for (size_t n; out != nullptr && (n = fread(buf, 1, sizeof buf, out)) > 0;)
         r.out.append(buf, n);
@@ -74,6 +78,22 @@ ChildOutcome run_program(const std::string& program, const std::vector<std::stri
     r.err = err.str();
     unlink(err_path.c_str());
     return r;
+}
+
+}  // namespace
+
+ChildOutcome run_program(const std::string& program, const std::vector<std::string>& args,
+                         const std::string& prefix, int limit_s) {
+    return run(program, args, prefix, limit_s, "");
+}
+
+ChildOutcome run_program_interrupted(const std::string& program,
+                                     const std::vector<std::string>& args, int after_ms, int sig) {
+    // timeout passes the signal on to the program.
+    char wait[96];
+    snprintf(wait, sizeof wait, " & p=$!; sleep %d.%03d; kill -%d $p; wait $p", after_ms / 1000,
+             after_ms % 1000, sig);
+    return run(program, args, "", 60, wait);
 }
 
 ModemProcess::ModemProcess(const std::string& program, const std::vector<std::string>& options) {

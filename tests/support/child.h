@@ -22,6 +22,9 @@ std::vector<std::string> emulated(std::vector<std::string> args);
 // output can fill up and stall the child.
 ChildOutcome run_program(const std::string& program, const std::vector<std::string>& args,
                          const std::string& prefix = "", int limit_s = 60);
+// The same, sent |sig| |after_ms| milliseconds after it started.
+ChildOutcome run_program_interrupted(const std::string& program,
+                                     const std::vector<std::string>& args, int after_ms, int sig);
 
 // tolven-diag-modem as a child; its first line of output is the pty's path (empty when it did
 // not start). Stopped with SIGTERM when it goes.

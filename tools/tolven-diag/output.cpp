@@ -200,25 +200,21 @@ void print_run(FILE* out, const Options& o, const Run& run, const Run* shown) {
     }
 }
 
-void print_summary(FILE* out, const Options& o, const std::vector<Run>& runs) {
-    int counts[4] = {};
-    std::vector<double> latency;
-    for (const Run& r : runs) {
-        counts[static_cast<int>(r.outcome)]++;
-        if (r.outcome == Outcome::kOk) latency.push_back(r.elapsed_ms);
-    }
+void print_summary(FILE* out, const Options& o, Tally tally, const char* interrupted) {
+    std::vector<double>& latency = tally.latency_ms;
     std::sort(latency.begin(), latency.end());
-    const int ok = counts[static_cast<int>(Outcome::kOk)];
-    const int refused = counts[static_cast<int>(Outcome::kRefused)];
-    const int diag = counts[static_cast<int>(Outcome::kDiagError)];
-    const int timed_out = counts[static_cast<int>(Outcome::kTimedOut)];
+    const int ok = tally.count(Outcome::kOk);
+    const int refused = tally.count(Outcome::kRefused);
+    const int diag = tally.count(Outcome::kDiagError);
+    const int timed_out = tally.count(Outcome::kTimedOut);
     if (o.json) {
         Json::Value s;
-        s["sent"] = static_cast<Json::UInt64>(runs.size());
+        s["sent"] = tally.sent;
         s["answered"] = ok;
         s["timed_out"] = timed_out;
         s["refused"] = refused;
         s["diag_errors"] = diag;
+        s["interrupted"] = interrupted != nullptr ? Json::Value(interrupted) : Json::Value();
         if (latency.empty()) {
             s["latency_ms"] = Json::Value();
         } else {
@@ -231,12 +227,13 @@ void print_summary(FILE* out, const Options& o, const std::vector<Run>& runs) {
         write_json(out, j);
         return;
     }
-    fprintf(out, "summary: %zu sent, %d answered, %d timed out, %d refused, %d diag errors",
-            runs.size(), ok, timed_out, refused, diag);
+    fprintf(out, "summary: %d sent, %d answered, %d timed out, %d refused, %d diag errors",
+            tally.sent, ok, timed_out, refused, diag);
     if (!latency.empty()) {
         fprintf(out, "; latency min %s, median %s, max %s", ms_text(latency.front()).c_str(),
                 ms_text(median_of(latency)).c_str(), ms_text(latency.back()).c_str());
     }
+    if (interrupted != nullptr) fprintf(out, "; interrupted by %s", interrupted);
     fputc('\n', out);
 }
 

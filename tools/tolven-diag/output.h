@@ -37,7 +37,8 @@ void dump(FILE* out, const uint8_t* data, size_t len);
 void print_request(FILE* out, const Options& o);
 // One send; |shown| is the last reply shown in full, not shown again when this one is the same.
 void print_run(FILE* out, const Options& o, const Run& run, const Run* shown);
-void print_summary(FILE* out, const Options& o, const std::vector<Run>& runs);
+// |interrupted|: the name of the signal that ended the run early, or null.
+void print_summary(FILE* out, const Options& o, Tally tally, const char* interrupted);
 
 // ", port PATH (FRAMING)" when a port was given.
 std::string port_text(const Options& o);

@@ -1,6 +1,7 @@
 #include "send.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <time.h>
 
 #include <algorithm>
@@ -14,9 +15,16 @@
 namespace tolven_diag_tool {
 namespace {
 
+volatile sig_atomic_t g_stop_signal = 0;
+
+void on_stop(int sig) {
+    g_stop_signal = sig;
+}
+
+// Sleeps |ms|, or less when a stop signal comes.
 void sleep_ms(int ms) {
     timespec ts{ms / 1000, (ms % 1000) * 1000000L};
-    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR && g_stop_signal == 0) {
     }
 }
 
@@ -88,24 +96,34 @@ const char* outcome_name(Outcome o) {
 
 int send_with_result(const Options& o, FILE* out) {
     if (!o.json) print_request(out, o);
-    std::vector<Run> runs;
-    runs.reserve(o.count);
-    const Run* shown = nullptr;  // the last reply shown in full
-    for (int seq = 1; seq <= o.count; ++seq) {
+    // A run of sends ends after the send in flight, with its summary, as ping's does.
+    struct sigaction stop {};
+    stop.sa_handler = on_stop;
+    if (o.count_given) {
+        for (int sig : {SIGINT, SIGTERM}) sigaction(sig, &stop, nullptr);
+    }
+    Tally tally;
+    Run shown;  // the last reply shown in full
+    bool any_shown = false;
+    for (int seq = 1; seq <= o.count && g_stop_signal == 0; ++seq) {
         if (seq > 1) sleep_ms(o.interval_ms);
-        runs.push_back(send_once(o, seq));
-        const Run& run = runs.back();
-        print_run(out, o, run, shown);
+        if (g_stop_signal != 0) break;
+        Run run = send_once(o, seq);
+        tally.add(run);
+        print_run(out, o, run, any_shown ? &shown : nullptr);
         // Nobody sees the rest: stop sending (main says why).
         if (!output_ok(out)) return kExitFailed;
-        if (run.outcome == Outcome::kOk && (shown == nullptr || shown->reply != run.reply)) {
-            shown = &run;
+        if (run.outcome == Outcome::kOk && (!any_shown || shown.reply != run.reply)) {
+            shown = std::move(run);
+            any_shown = true;
         }
     }
-    if (o.count_given) print_summary(out, o, runs);
-    bool all_ok = std::all_of(runs.begin(), runs.end(),
-                              [](const Run& r) { return r.outcome == Outcome::kOk; });
-    return all_ok ? kExitOk : kExitFailed;
+    const int sig = g_stop_signal;
+    if (o.count_given) {
+        print_summary(out, o, tally, sig == 0 ? nullptr : sig == SIGINT ? "SIGINT" : "SIGTERM");
+    }
+    if (sig != 0) return 128 + sig;
+    return tally.count(Outcome::kOk) == tally.sent ? kExitOk : kExitFailed;
 }
 
 int send_no_wait(const Options& o, FILE* out) {

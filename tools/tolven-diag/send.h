@@ -27,7 +27,21 @@ struct Run {
     std::vector<std::string> notes;
 };
 
-// The packet |o.count| times, |o.interval_ms| apart; the exit status.
+// What a run of sends did, for its summary: outcomes counted, latencies of the answered ones.
+struct Tally {
+    int sent = 0;
+    int outcomes[4] = {};  // by Outcome
+    std::vector<double> latency_ms;
+    void add(const Run& run) {
+        ++sent;
+        ++outcomes[static_cast<int>(run.outcome)];
+        if (run.outcome == Outcome::kOk) latency_ms.push_back(run.elapsed_ms);
+    }
+    int count(Outcome o) const { return outcomes[static_cast<int>(o)]; }
+};
+
+// The packet |o.count| times, |o.interval_ms| apart, until SIGINT or SIGTERM ends the run after
+// the send in flight; the exit status (128 + the signal when one ended it).
 int send_with_result(const Options& o, FILE* out);
 // The packet handed to a worker of the library, then a wait for the worker to end.
 int send_no_wait(const Options& o, FILE* out);
