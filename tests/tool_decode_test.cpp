@@ -49,7 +49,7 @@ TEST(ToolDecode, Replies) {
             {"version info, one byte more", "\x00"s, kVersion + "\xFF",
              kVersionText + "; (1 more byte after the known fields)"},
             {"version info, code only", "\x00"s, "\x00"s,
-             "version info; (short reply: ends after 1 bytes, before 'compiled'; a full reply has "
+             "version info; (short reply: ends after 1 byte, before 'compiled'; a full reply has "
              "55 bytes)"},
             {"version info, cut inside the release time", "\x00"s, kVersion.substr(0, 30),
              "version info; compiled=Nov 02 2026 14:05:09; (short reply: ends after 30 bytes, "
@@ -87,7 +87,7 @@ TEST(ToolDecode, Replies) {
              "event report; event reporting=off; length=0"},
             {"event report, request unclear", "\x60\x07"s, "\x60"s,
              "event report; event reporting=unknown (the request does not say); (short reply: "
-             "ends after 1 bytes, before 'length'; a full reply has 3 bytes)"},
+             "ends after 1 byte, before 'length'; a full reply has 3 bytes)"},
             {"subsystem", "\x4B\xFE\x01\x00\xAA"s, "\x4B\xFE\x01\x00\xAA"s,
              "subsystem; subsystem=0xFE; command=0x0001; payload=1 byte"},
             {"subsystem, cut in the command", "\x4B\xFE\x01\x00"s, "\x4B\xFE\x01"s,

@@ -130,7 +130,7 @@ const Case kCases[] = {
     {"CountSummary", {"--count", "2", "--interval", "0", "1c"}, "", "", 0,
      "summary: 2 sent, 2 answered, 0 timed out, 0 refused, 0 diag errors; latency min ", ""},
     {"CountJson", {"--json", "--count", "2", "--interval", "0", "1c"}, "", "", 0,
-     "{\"summary\":{\"answered\":2,\"diag_errors\":0,\"latency_ms\":{\"max\":", ""},
+     "{\"summary\":{\"answered\":2,\"diag_errors\":0,\"interrupted\":null,\"latency_ms\":{\"max\":", ""},
 
     // The answers file of the simulated modem.
     {"AnswersShort", {"00"}, "", "# a short version reply\n00 -> 00 4E 6F\n", 0,
