@@ -8,7 +8,7 @@
 #include "answer_table.h"
 #include "delivery.h"
 #include "framing.h"
-#include "link.h"
+#include "port_link.h"
 #include "matcher.h"
 
 namespace libdiag_sim {

@@ -2,7 +2,7 @@
 // writes go out without blocking, the rest when the port can take them. A device is locked with
 // flock(2), as serial tools lock theirs, and a link that finds it locked waits on a thread of
 // its own without touching the port.
-#include "link.h"
+#include "port_link.h"
 
 #include <dirent.h>
 #include <errno.h>
