@@ -31,6 +31,7 @@
 #include <algorithm>
 
 #include "answers_file.h"
+#include "serial_device.h"
 #include "state.h"
 #include "text.h"
 
@@ -64,6 +65,16 @@ diag_wire::FramingKind framing_env() {
         fprintf(stderr, "libdiag: ignoring LIBDIAG_FRAMING=%s (want hdlc or nhdlc)\n", v);
     }
     return kind;
+}
+
+// A device's baud rate, read as the device is opened (at Diag_LSM_Init).
+long baud_env() {
+    const char* v = getenv("LIBDIAG_BAUD");
+    if (v == nullptr || *v == '\0') return diag_port::kDefaultBaud;
+    long long n = 0;
+    if (diag_wire::parse_number(v, &n) && diag_port::is_standard_baud(n)) return n;
+    fprintf(stderr, "libdiag: ignoring LIBDIAG_BAUD=%s (want a standard rate, 9600..4000000)\n", v);
+    return diag_port::kDefaultBaud;
 }
 
 // Argument positions printed as addresses.
@@ -165,7 +176,9 @@ bool State::connect(Released* released) {
         port = std::make_unique<PortModem>(address, framing, settings.linger, this);
     }
     std::string error;
-    if (!port->connect(&released->stale, &error)) {
+    // A TCP port has no baud rate.
+    if (!port->resume(&released->stale) &&
+        !port->open(diag_port::is_tcp_address(address) ? 0 : baud_env(), &error)) {
         fprintf(stderr, "libdiag: cannot open diag port %s: %s\n", address, error.c_str());
         return false;
     }

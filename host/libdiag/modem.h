@@ -8,7 +8,6 @@
 #include "answer_table.h"
 #include "delivery.h"
 #include "framing.h"
-#include "port_link.h"
 #include "matcher.h"
 
 namespace libdiag_sim {
@@ -77,9 +76,11 @@ class PortModem : public Modem {
     const std::string& address() const { return address_; }
     diag_wire::FramingKind framing() const { return framing_; }
 
-    // Opens the port for a connection, or takes back the one that lingers; false with the
-    // reason in |*error|. A lingering one that cannot be used goes to |*stale|.
-    bool connect(ConnectionPtr* stale, std::string* error);
+    // Takes back the connection that lingers; false when there is none. One that cannot be
+    // used (gone, or another process waits for the port) goes to |*stale|.
+    bool resume(ConnectionPtr* stale);
+    // Opens the port for a connection, a device at |baud|; false with the reason in |*error|.
+    bool open(long baud, std::string* error);
     // Ends the connection: callers still waiting have gone. Its port lingers when nothing went
     // wrong and no other process waits for it; otherwise it is handed back, to be destroyed with
     // no lock held, which closes the port and settles note().

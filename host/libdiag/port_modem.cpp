@@ -3,14 +3,17 @@
 #include <stdio.h>
 
 #include "modem.h"
+#include "port_link.h"
+#include "port_users.h"
 
 namespace libdiag_sim {
 
+using diag_port::Link;
 using diag_wire::FramingKind;
 
 // One opening of the port: its link and the framing that decodes what the link reads. Its I/O
 // thread calls in here; the port outlives it.
-class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink {
+class PortModem::Connection final : public diag_port::LinkSink, public diag_wire::FrameSink {
   public:
     Connection(PortModem* port, uint64_t session)
         : port_(port), session_(session), framing_(open_framing(port->framing_, this)) {}
@@ -22,8 +25,8 @@ class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink
         if (unanswered_) port_->closed(explain(waited_for, framing_->counts()));
     }
 
-    bool open(std::string* error) {
-        link_ = open_link(port_->address_, this, error);
+    bool open(long baud, std::string* error) {
+        link_ = diag_port::open_link(port_->address_, baud, this, error);
         return link_ != nullptr;
     }
 
@@ -58,8 +61,8 @@ class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink
                    std::to_string(counts.foreign) +
                    " non-HDLC frames did: the modem seems to speak non-HDLC framing "
                    "(LIBDIAG_FRAMING=nhdlc, tolven-diag --framing nhdlc)";
-        } else {
-            std::vector<std::string> users = other_users(port);
+        } else if (!diag_port::is_tcp_address(port)) {
+            std::vector<std::string> users = diag_port::other_users(port);
             if (!users.empty()) {
                 note = "the port " + port + " is also open in ";
                 for (size_t i = 0; i < users.size(); ++i) note += (i ? ", " : "") + users[i];
@@ -94,22 +97,26 @@ void PortModem::Closer::operator()(Connection* c) const {
     delete c;
 }
 
-bool PortModem::connect(ConnectionPtr* stale, std::string* error) {
+bool PortModem::resume(ConnectionPtr* stale) {
+    std::lock_guard<std::mutex> lk(mu_);
+    if (connection_ == nullptr) return false;
+    Link& link = connection_->link();
+    if (link.resume() && !link.others_waiting()) {
+        note_.clear();
+        return true;
+    }
+    *stale = std::move(connection_);
+    return false;
+}
+
+bool PortModem::open(long baud, std::string* error) {
     uint64_t session;
     {
         std::lock_guard<std::mutex> lk(mu_);
-        if (connection_ != nullptr) {
-            Link& link = connection_->link();
-            if (link.resume() && !link.others_waiting()) {
-                note_.clear();
-                return true;
-            }
-            *stale = std::move(connection_);
-        }
         session = ++sessions_;
     }
     ConnectionPtr c(new Connection(this, session));
-    if (!c->open(error)) return false;
+    if (!c->open(baud, error)) return false;
     std::lock_guard<std::mutex> lk(mu_);
     note_.clear();
     ++stats_.opens;
@@ -241,7 +248,7 @@ void PortModem::on_stalled(size_t bytes) {
         ++stats_.stalls;
     }
     fprintf(stderr, "libdiag: diag port %s: no write for %lld ms, %zu bytes dropped\n",
-            address_.c_str(), static_cast<long long>(kWriteLimit.count()), bytes);
+            address_.c_str(), static_cast<long long>(diag_port::kWriteLimit.count()), bytes);
 }
 
 void PortModem::on_ready() {
