@@ -76,6 +76,9 @@ struct Scope {
 };
 
 bool valid_proc(int proc);
+// Adds the overrides of the answers file at |path| to |*answers|; false when it cannot be read
+// or has bad lines, each said on standard error.
+bool load_answers_file(const std::string& path, diag_modem::Overrides* answers);
 
 class State : public ModemSink {
   public:
