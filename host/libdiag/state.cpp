@@ -139,7 +139,7 @@ bool State::connect(Released* released) {
     diag_wire::FramingKind framing = framing_env();
     if (port == nullptr || port->address() != address || port->framing() != framing) {
         released->port = std::move(port);
-        port = std::make_unique<PortModem>(address, framing, settings.linger, this);
+        port = std::make_unique<PortModem>(address, framing, settings.linger, &queue, this);
     }
     std::string error;
     // A TCP port has no baud rate.
@@ -243,12 +243,6 @@ bool State::wanted(const Delivery& d) const {
     if (d.kind == Kind::kTraffic) return true;
     if (d.kind == Kind::kCallback) return callbacks[d.proc].cb != nullptr;
     return clients.count(d.client) != 0;
-}
-
-void State::reply(Delivery to, Bytes bytes) {
-    std::lock_guard<std::mutex> lk(mu);
-    to.bytes = std::move(bytes);
-    queue.push(std::move(to), Clock::now());
 }
 
 void State::answered(const Answer& answer, const Delivery& to, Clock::time_point sent) {

@@ -1,6 +1,7 @@
 // The host libdiag's process-wide state, behind the C entry points and the control API: the
 // connection, the DCI clients and callbacks, the journal, and the modems. Everything here is
-// guarded by State::mu; the layers below report to it through ModemSink.
+// guarded by State::mu; the modems hand replies to its delivery queue and the rest to it, their
+// ModemSink.
 #pragma once
 
 #include <errno.h>
@@ -154,7 +155,6 @@ class State : public ModemSink {
     void restore_defaults(Released* released, std::unique_lock<std::mutex>& lk);
 
     // ModemSink
-    void reply(Delivery to, Bytes bytes) override;
     void answered(const Answer& answer, const Delivery& to, Clock::time_point sent) override;
     void unsolicited(Bytes packet) override;
     __attribute__((format(printf, 2, 3))) void trace(const char* fmt, ...) override;
