@@ -48,7 +48,7 @@ std::set<int> content_lines(const std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    diag_modem::ParsedAnswers parsed = diag_modem::parse_answers(text, "f");
+    diag_wire::ParsedAnswers parsed = diag_wire::parse_answers(text, "f");
 
     std::set<int> seen;
     for (const std::string& e : parsed.errors) {
@@ -58,19 +58,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         require(seen.insert(line).second, "one error per line");
     }
     int previous = 0;
-    for (const diag_modem::AnswerLine& a : parsed.lines) {
+    for (const diag_wire::AnswerLine& a : parsed.lines) {
         require(a.line > previous, "accepted lines in file order");
         previous = a.line;
         require(seen.insert(a.line).second, "a line is accepted or refused, not both");
         require(a.silent == a.reply.empty(), "only silent answers have no reply");
-        require(a.delay >= std::chrono::milliseconds(0) && a.delay <= diag_modem::kMaxAnswerDelay,
+        require(a.delay >= std::chrono::milliseconds(0) && a.delay <= diag_wire::kMaxAnswerDelay,
                 "delay within bounds");
 
         std::string again = hex(a.request_prefix) + "-> " + (a.silent ? "none" : hex(a.reply)) +
                             "@ " + std::to_string(a.delay.count());
-        diag_modem::ParsedAnswers back = diag_modem::parse_answers(again, "g");
+        diag_wire::ParsedAnswers back = diag_wire::parse_answers(again, "g");
         require(back.errors.empty() && back.lines.size() == 1, "canonical line parses");
-        const diag_modem::AnswerLine& b = back.lines[0];
+        const diag_wire::AnswerLine& b = back.lines[0];
         require(b.request_prefix == a.request_prefix && b.reply == a.reply &&
                         b.silent == a.silent && b.delay == a.delay,
                 "canonical line round-trips");

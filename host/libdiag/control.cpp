@@ -89,7 +89,7 @@ void set_answer(const Bytes& request_prefix, const Answer& answer) {
 }
 
 bool load_answers(const std::string& path) {
-    diag_modem::Overrides answers;
+    diag_wire::Overrides answers;
     bool ok = load_answers_file(path, &answers);
     locked([&](State& s) {
         for (auto& [prefix, answer] : answers) s.settings.answers[prefix] = std::move(answer);
@@ -102,7 +102,7 @@ void clear_answers() {
 }
 
 void set_answer_table(std::unique_ptr<AnswerTable> table) {
-    std::shared_ptr<AnswerTable> t = table ? std::move(table) : diag_modem::make_builtin_table();
+    std::shared_ptr<AnswerTable> t = table ? std::move(table) : diag_wire::make_builtin_table();
     locked([&](State& s) { s.simulated.set_table(t); });
     // the old table dies here, outside the lock, once no answer is using it
 }

@@ -13,8 +13,8 @@
 
 namespace libdiag_sim {
 
-using diag_modem::Answer;
-using diag_modem::AnswerTable;
+using diag_wire::Answer;
+using diag_wire::AnswerTable;
 
 // Where a modem reports what is not a reply for the queue. Each call but trace() takes the
 // library's lock: call with none held.
@@ -44,7 +44,7 @@ class Modem {
 class SimulatedModem : public Modem {
   public:
     SimulatedModem(DeliveryQueue* queue, ModemSink* sink)
-        : queue_(queue), sink_(sink), table_(diag_modem::make_builtin_table()) {}
+        : queue_(queue), sink_(sink), table_(diag_wire::make_builtin_table()) {}
     bool send(int proc, const Bytes& request, const Delivery& reply_to) override;
     // Swaps |table| in and hands the old one back: it goes when no answer uses it any more.
     void set_table(std::shared_ptr<AnswerTable>& table) { table_.swap(table); }

@@ -59,9 +59,9 @@ long baud_env() {
 
 }  // namespace
 
-bool load_answers_file(const std::string& path, diag_modem::Overrides* answers) {
-    diag_modem::ParsedAnswers parsed = diag_modem::parse_answers_file(path);
-    for (auto& [prefix, answer] : diag_modem::overrides_of(parsed)) {
+bool load_answers_file(const std::string& path, diag_wire::Overrides* answers) {
+    diag_wire::ParsedAnswers parsed = diag_wire::parse_answers_file(path);
+    for (auto& [prefix, answer] : diag_wire::overrides_of(parsed)) {
         (*answers)[prefix] = std::move(answer);
     }
     for (const std::string& e : parsed.errors) fprintf(stderr, "libdiag: %s\n", e.c_str());
@@ -84,7 +84,7 @@ State::State()
             }),
       simulated(&queue, this) {
     settings.delay =
-            milliseconds(env_number("LIBDIAG_SIM_DELAY_MS", 0, diag_modem::kMaxAnswerDelay.count()));
+            milliseconds(env_number("LIBDIAG_SIM_DELAY_MS", 0, diag_wire::kMaxAnswerDelay.count()));
     settings.remote_mask = env_number("LIBDIAG_SIM_REMOTE_MASK", 0, 0xFFFF);
     settings.support_list = env_number("LIBDIAG_SIM_SUPPORT_LIST", 0x0002, 0xFFFF);
     settings.responders = env_number("LIBDIAG_SIM_RESPONDERS", 0, 0xFFFF);
@@ -98,7 +98,7 @@ State::State()
             settings.subscriptions.clear();
         }
     }
-    traffic_ = diag_modem::Traffic(settings.subscriptions);
+    traffic_ = diag_wire::Traffic(settings.subscriptions);
     if (const char* path = getenv("LIBDIAG_SIM_ANSWERS"); path && *path) {
         answers_broken = !load_answers_file(path, &settings.answers);
     }
@@ -162,7 +162,7 @@ void State::disconnect(Scope& scope) {
 }
 
 bool State::send(int proc, const Bytes& request, const Delivery& reply_to) {
-    if (std::optional<Answer> a = diag_modem::find_override(settings.answers, request)) {
+    if (std::optional<Answer> a = diag_wire::find_override(settings.answers, request)) {
         schedule(*a, reply_to, Clock::now());
         return true;
     }
@@ -177,10 +177,10 @@ void State::release_client(int id, std::unique_lock<std::mutex>& lk) {
 }
 
 void State::schedule(const Answer& a, const Delivery& reply_to, Clock::time_point sent) {
-    Clock::time_point due = sent + std::min(settings.delay, diag_modem::kMaxAnswerDelay);
+    Clock::time_point due = sent + std::min(settings.delay, diag_wire::kMaxAnswerDelay);
     for (const Response& r : a.responses) {
         // each step is bounded, so a programmed day-long delay cannot overflow the clock
-        due += std::clamp(r.delay, milliseconds(0), diag_modem::kMaxAnswerDelay);
+        due += std::clamp(r.delay, milliseconds(0), diag_wire::kMaxAnswerDelay);
         Delivery d = reply_to;
         d.bytes = r.bytes;
         d.pieces = r.pieces;
@@ -232,7 +232,7 @@ void State::schedule_traffic(milliseconds after) {
 
 void State::restart_traffic() {
     ++traffic_gen_;
-    traffic_ = diag_modem::Traffic(settings.subscriptions);
+    traffic_ = diag_wire::Traffic(settings.subscriptions);
     if (connected && !on_port && settings.log_every.count() > 0) {
         schedule_traffic(settings.log_every);
     }
@@ -282,7 +282,7 @@ void State::restore_defaults(Released* released, std::unique_lock<std::mutex>& l
     settings = Settings{};
     restart_traffic();
     answers_broken = false;
-    std::shared_ptr<AnswerTable> builtin = diag_modem::make_builtin_table();
+    std::shared_ptr<AnswerTable> builtin = diag_wire::make_builtin_table();
     simulated.set_table(builtin);
     if (port != nullptr) released->connection = port->disconnect();
     released->port = std::move(port);

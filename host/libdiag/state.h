@@ -31,7 +31,7 @@ struct Settings {
     uint16_t remote_mask = 0;
     uint16_t support_list = 0x0002;
     uint16_t responders = 0;
-    diag_modem::Overrides answers;
+    diag_wire::Overrides answers;
     milliseconds log_every{0};  // the simulated modem's unsolicited log packets
     std::vector<uint32_t> subscriptions;
 };
@@ -79,7 +79,7 @@ struct Scope {
 bool valid_proc(int proc);
 // Adds the overrides of the answers file at |path| to |*answers|; false when it cannot be read
 // or has bad lines, each said on standard error.
-bool load_answers_file(const std::string& path, diag_modem::Overrides* answers);
+bool load_answers_file(const std::string& path, diag_wire::Overrides* answers);
 
 class State : public ModemSink {
   public:
@@ -161,7 +161,7 @@ class State : public ModemSink {
 
   private:
     void record(Call c, const Outcome& o);
-    diag_modem::Traffic traffic_;
+    diag_wire::Traffic traffic_;
     uint64_t traffic_gen_ = 0;  // ticks of an earlier setting stop
     void schedule(const Answer& a, const Delivery& reply_to, Clock::time_point sent);
 

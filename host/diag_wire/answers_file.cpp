@@ -9,10 +9,8 @@
 
 #include "text.h"
 
-namespace diag_modem {
+namespace diag_wire {
 namespace {
-
-using diag_wire::trim;
 
 bool read_file(const std::string& path, std::string* text) {
     std::ifstream in(path, std::ios::binary);
@@ -95,4 +93,4 @@ Overrides overrides_of(const ParsedAnswers& parsed) {
     return overrides;
 }
 
-}  // namespace diag_modem
+}  // namespace diag_wire
