@@ -12,6 +12,8 @@
 
 namespace {
 
+namespace hdlc = diag_wire::hdlc;
+
 std::vector<uint8_t> random_payload(size_t n) {
     std::mt19937 rng(1);
     std::vector<uint8_t> p(n);

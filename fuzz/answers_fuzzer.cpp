@@ -55,17 +55,17 @@ void check_as_file(const std::string& text) {
     FILE* f = fdopen(fd, "wb");
     fwrite(text.data(), 1, text.size(), f);
     fclose(f);
-    diag_modem::ParsedAnswers direct = diag_modem::parse_answers(text, path);
-    diag_modem::ParsedAnswers read = diag_modem::parse_answers_file(path);
+    diag_wire::ParsedAnswers direct = diag_wire::parse_answers(text, path);
+    diag_wire::ParsedAnswers read = diag_wire::parse_answers_file(path);
     unlink(path);
     require(read.errors == direct.errors && read.warnings == direct.warnings &&
                     read.lines.size() == direct.lines.size(),
             "a file parses as its text");
 
     std::string endless = text.substr(0, text.find('\n'));
-    while (endless.size() <= diag_modem::kMaxAnswersLine)
+    while (endless.size() <= diag_wire::kMaxAnswersLine)
         endless += endless.empty() ? "0" : endless;
-    diag_modem::ParsedAnswers long_line = diag_modem::parse_answers(endless + "\n00 -> 01", "f");
+    diag_wire::ParsedAnswers long_line = diag_wire::parse_answers(endless + "\n00 -> 01", "f");
     require(long_line.errors.size() == 1 && long_line.errors[0].find("f:1: longer than") == 0 &&
                     long_line.lines.size() == 1,
             "an endless line is refused alone");
@@ -75,7 +75,7 @@ void check_as_file(const std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    diag_modem::ParsedAnswers parsed = diag_modem::parse_answers(text, "f");
+    diag_wire::ParsedAnswers parsed = diag_wire::parse_answers(text, "f");
     if (size > 0 && data[0] == '#') check_as_file(text);
 
     std::set<int> seen;
@@ -86,19 +86,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         require(seen.insert(line).second, "one error per line");
     }
     int previous = 0;
-    for (const diag_modem::AnswerLine& a : parsed.lines) {
+    for (const diag_wire::AnswerLine& a : parsed.lines) {
         require(a.line > previous, "accepted lines in file order");
         previous = a.line;
         require(seen.insert(a.line).second, "a line is accepted or refused, not both");
         require(a.silent == a.reply.empty(), "only silent answers have no reply");
-        require(a.delay >= std::chrono::milliseconds(0) && a.delay <= diag_modem::kMaxAnswerDelay,
+        require(a.delay >= std::chrono::milliseconds(0) && a.delay <= diag_wire::kMaxAnswerDelay,
                 "delay within bounds");
 
         std::string again = hex(a.request_prefix) + "-> " + (a.silent ? "none" : hex(a.reply)) +
                             "@ " + std::to_string(a.delay.count());
-        diag_modem::ParsedAnswers back = diag_modem::parse_answers(again, "g");
+        diag_wire::ParsedAnswers back = diag_wire::parse_answers(again, "g");
         require(back.errors.empty() && back.lines.size() == 1, "canonical line parses");
-        const diag_modem::AnswerLine& b = back.lines[0];
+        const diag_wire::AnswerLine& b = back.lines[0];
         require(b.request_prefix == a.request_prefix && b.reply == a.reply &&
                         b.silent == a.silent && b.delay == a.delay,
                 "canonical line round-trips");

@@ -14,6 +14,7 @@
 
 namespace {
 
+namespace hdlc = diag_wire::hdlc;
 using Bytes = std::vector<uint8_t>;
 
 struct Result {

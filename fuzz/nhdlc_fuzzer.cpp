@@ -18,6 +18,7 @@
 
 namespace {
 
+namespace nhdlc = diag_wire::nhdlc;
 using Bytes = std::vector<uint8_t>;
 using diag_wire::FramingKind;
 using nhdlc::Event;

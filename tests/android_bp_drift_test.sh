@@ -14,7 +14,7 @@ copy_tree() {
     cp -r "$src/platform" "$src/fuzz" "$tmp/tree/"
     cp -r "$src/modem/hal/diag" "$tmp/tree/modem/hal/"
     cp -r "$src/tools/tolven-diag" "$tmp/tree/tools/"
-    cp -r "$src/host/diag_modem" "$tmp/tree/host/"
+    cp -r "$src/host/diag_wire" "$tmp/tree/host/"
 }
 
 # Each row: the change, made in the copy, and a part of the message it must cause.

@@ -9,6 +9,7 @@
 
 namespace {
 
+namespace hdlc = diag_wire::hdlc;
 using Bytes = std::vector<uint8_t>;
 using hdlc::Event;
 

@@ -15,7 +15,7 @@
 namespace {
 
 using namespace libdiag_sim;
-using diag_modem::ParsedAnswers;
+using diag_wire::ParsedAnswers;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -76,7 +76,7 @@ TEST_F(LibdiagSim, AnswerTable) {
              10,
              {0x13, 0x98, 0x02}},
     };
-    auto modem = diag_modem::make_builtin_table();
+    auto modem = diag_wire::make_builtin_table();
     for (const Case& c : cases) {
         Answer a = modem->answer(3, c.req);
         ASSERT_EQ(1u, a.responses.size());
@@ -147,8 +147,7 @@ TEST_F(LibdiagSim, AnswersParserAcceptsOrNamesEachLine) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
-        ParsedAnswers p =
-                diag_modem::parse_answers(std::string("# head\n\n") + c.text + "\r\n", "f");
+        ParsedAnswers p = diag_wire::parse_answers(std::string("# head\n\n") + c.text + "\r\n", "f");
         ASSERT_EQ(c.accepted ? 1u : 0u, p.lines.size());
         ASSERT_EQ(c.accepted ? 0u : 1u, p.errors.size());
         if (!c.accepted) {

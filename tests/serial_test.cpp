@@ -49,7 +49,7 @@ Bytes wrapped(uint32_t subscription, const Bytes& packet) {
 }
 
 Bytes table_reply(const Bytes& req) {
-    return diag_modem::make_builtin_table()->answer(0, req).responses.at(0).bytes;
+    return diag_wire::make_builtin_table()->answer(0, req).responses.at(0).bytes;
 }
 
 std::map<Bytes, Answer> answer(const Bytes& req, const Bytes& reply, std::chrono::milliseconds at) {

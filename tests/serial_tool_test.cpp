@@ -36,7 +36,7 @@ int time_scale() {
 std::string reply_hex(const diag_wire::Bytes& request) {
     std::string hex;
     char pair[3];
-    const diag_modem::Answer a = diag_modem::make_builtin_table()->answer(0, request);
+    const diag_wire::Answer a = diag_wire::make_builtin_table()->answer(0, request);
     for (uint8_t b : a.responses[0].bytes) {
         snprintf(pair, sizeof pair, "%02X", b);
         hex += pair;

@@ -358,7 +358,7 @@ TEST(Stress, BackToBackSendsFromEightThreads) {
 // A command for the port: plain or wrapped for a subscription, of every size the library takes,
 // with the modem's own reply; now and then one the modem never answers, or one answered with
 // whole pieces.
-Expect make_port_command(std::mt19937& rng, bool callback, diag_modem::AnswerTable& table) {
+Expect make_port_command(std::mt19937& rng, bool callback, diag_wire::AnswerTable& table) {
     const int wrapper = std::uniform_int_distribution<int>(0, 2)(rng) == 0 ? 0 : 8;
     const uint32_t subscription = std::uniform_int_distribution<uint32_t>(0, 1)(rng);
     auto wrap = [&](const Bytes& packet) {
@@ -405,7 +405,7 @@ TEST(Stress, BackToBackOverAPortThroughWrappedTraffic) {
     options.log_every = 1ms;
     options.event_every = 3ms;
     options.corrupt_every = 7;
-    options.answers[kSilentPrefix] = diag_modem::Answer{};
+    options.answers[kSilentPrefix] = diag_wire::Answer{};
     std::string error;
     std::unique_ptr<pty_modem::Modem> modem = pty_modem::Modem::open(options, &error);
     ASSERT_NE(modem, nullptr) << error;
@@ -422,7 +422,7 @@ TEST(Stress, BackToBackOverAPortThroughWrappedTraffic) {
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             std::mt19937 rng(seed + t);
-            std::unique_ptr<diag_modem::AnswerTable> table = diag_modem::make_builtin_table();
+            std::unique_ptr<diag_wire::AnswerTable> table = diag_wire::make_builtin_table();
             while (Clock::now() < end) {
                 send_some(rng, Phase::kStrict, tally,
                           [&](bool callback) { return make_port_command(rng, callback, *table); });

@@ -37,6 +37,11 @@ void DeliveryQueue::push(Delivery d, Clock::time_point due) {
     work_cv_.notify_one();
 }
 
+void DeliveryQueue::post(Delivery d) {
+    std::lock_guard<std::mutex> lk(mu_);
+    push(std::move(d), Clock::now());
+}
+
 void DeliveryQueue::drop(int client, std::unique_lock<std::mutex>& lk) {
     for (auto it = queue_.begin(); it != queue_.end();) {
         it = client == 0 || it->second.client == client ? queue_.erase(it) : std::next(it);

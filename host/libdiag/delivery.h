@@ -53,6 +53,8 @@ class DeliveryQueue {
 
     // All with |mu| held.
     void push(Delivery d, Clock::time_point due);
+    // push() for now, from a thread that does not hold |mu|: a port's I/O thread.
+    void post(Delivery d);
     // Drops what is queued for |client| (every client when 0) and waits out a delivery to it
     // that is running on another thread. Afterwards none runs or will run.
     void drop(int client, std::unique_lock<std::mutex>& lk);

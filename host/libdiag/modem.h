@@ -1,5 +1,6 @@
 // The modems behind the libdiag front: the simulated one in this process, and a modem on a port.
-// A modem is handed, when it is made, the sink it reports its answers to.
+// A modem is handed, when it is made, the delivery queue its answers go to and the sink it
+// reports the rest to.
 #pragma once
 
 #include <memory>
@@ -8,19 +9,17 @@
 #include "answer_table.h"
 #include "delivery.h"
 #include "framing.h"
-#include "link.h"
 #include "matcher.h"
 
 namespace libdiag_sim {
 
-using diag_modem::Answer;
-using diag_modem::AnswerTable;
+using diag_wire::Answer;
+using diag_wire::AnswerTable;
 
-// Where answers go. Each call takes the library's lock: call with none held.
+// Where a modem reports what is not a reply for the queue. Each call but trace() takes the
+// library's lock: call with none held.
 class ModemSink {
   public:
-    // The reply |bytes| for the caller |to| names.
-    virtual void reply(Delivery to, Bytes bytes) = 0;
     // The responses of |answer| for |to|, each due after its delay, counted from |sent|.
     virtual void answered(const Answer& answer, const Delivery& to, Clock::time_point sent) = 0;
     // A log packet, event report or message: for the stream handlers of the DCI clients.
@@ -45,7 +44,7 @@ class Modem {
 class SimulatedModem : public Modem {
   public:
     SimulatedModem(DeliveryQueue* queue, ModemSink* sink)
-        : queue_(queue), sink_(sink), table_(diag_modem::make_builtin_table()) {}
+        : queue_(queue), sink_(sink), table_(diag_wire::make_builtin_table()) {}
     bool send(int proc, const Bytes& request, const Delivery& reply_to) override;
     // Swaps |table| in and hands the old one back: it goes when no answer uses it any more.
     void set_table(std::shared_ptr<AnswerTable>& table) { table_.swap(table); }
@@ -68,18 +67,21 @@ class PortModem : public Modem {
     };
     using ConnectionPtr = std::unique_ptr<Connection, Closer>;
 
-    // A connection's port stays open |linger| after it ends, for the next one.
+    // A connection's port stays open |linger| after it ends, for the next one. Replies go to
+    // |queue| from the port's I/O thread.
     PortModem(std::string address, diag_wire::FramingKind framing, std::chrono::milliseconds linger,
-              ModemSink* sink);
+              DeliveryQueue* queue, ModemSink* sink);
     // Closes a connection still open first.
     ~PortModem() override;
 
     const std::string& address() const { return address_; }
     diag_wire::FramingKind framing() const { return framing_; }
 
-    // Opens the port for a connection, or takes back the one that lingers; false with the
-    // reason in |*error|. A lingering one that cannot be used goes to |*stale|.
-    bool connect(ConnectionPtr* stale, std::string* error);
+    // Takes back the connection that lingers; false when there is none. One that cannot be
+    // used (gone, or another process waits for the port) goes to |*stale|.
+    bool resume(ConnectionPtr* stale);
+    // Opens the port for a connection, a device at |baud|; false with the reason in |*error|.
+    bool open(long baud, std::string* error);
     // Ends the connection: callers still waiting have gone. Its port lingers when nothing went
     // wrong and no other process waits for it; otherwise it is handed back, to be destroyed with
     // no lock held, which closes the port and settles note().
@@ -97,24 +99,16 @@ class PortModem : public Modem {
     std::string note() const;
 
   private:
-    friend class Connection;
     // A request and the connection it went out on.
     struct Sent {
         Delivery to;
         uint64_t session = 0;
     };
 
-    void on_frame(const uint8_t* frame, size_t n);
-    void on_drop(const char* why);
-    void on_gone(uint64_t session, const std::string& why);
-    void on_stalled(size_t bytes);
-    void on_ready();
-    void add_foreign(uint64_t frames);
-    void closed(const std::string& note);
-
     const std::string address_;
     const diag_wire::FramingKind framing_;
     const std::chrono::milliseconds linger_;
+    DeliveryQueue* const queue_;
     ModemSink* const sink_;
     const std::unique_ptr<diag_wire::Framing> encoder_;  // encodes only
 

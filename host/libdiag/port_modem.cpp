@@ -1,16 +1,20 @@
 // A modem on a diag port: the link hands bytes to the framing the port was opened with, the
-// framing hands frames to the matcher, and the matcher hands replies to the modem's sink.
+// framing hands frames to the matcher, and the matcher hands replies to the delivery queue.
 #include <stdio.h>
 
 #include "modem.h"
+#include "port_link.h"
+#include "port_users.h"
 
 namespace libdiag_sim {
 
+using diag_port::Link;
 using diag_wire::FramingKind;
 
-// One opening of the port: its link and the framing that decodes what the link reads. Its I/O
-// thread calls in here; the port outlives it.
-class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink {
+// One opening of the port: its link and the framing that decodes what the link reads. The link's
+// I/O thread runs the handlers here, which keep the port's books under its lock; the port
+// outlives it.
+class PortModem::Connection final : public diag_port::LinkSink, public diag_wire::FrameSink {
   public:
     Connection(PortModem* port, uint64_t session)
         : port_(port), session_(session), framing_(open_framing(port->framing_, this)) {}
@@ -19,11 +23,14 @@ class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink
         if (link_ == nullptr) return;  // never opened
         std::string waited_for = link_->waiting_for();
         link_.reset();  // joins the I/O thread: the counts below are final
-        if (unanswered_) port_->closed(explain(waited_for, framing_->counts()));
+        if (!unanswered_) return;
+        std::string note = explain(waited_for, framing_->counts());
+        std::lock_guard<std::mutex> lk(port_->mu_);
+        port_->note_ = note;
     }
 
-    bool open(std::string* error) {
-        link_ = open_link(port_->address_, this, error);
+    bool open(long baud, std::string* error) {
+        link_ = diag_port::open_link(port_->address_, baud, this, error);
         return link_ != nullptr;
     }
 
@@ -33,16 +40,85 @@ class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink
     void on_bytes(const uint8_t* data, size_t n) override {
         framing_->feed(data, n);
         uint64_t foreign = framing_->counts().foreign;
-        if (foreign != foreign_seen_) {
-            port_->add_foreign(foreign - foreign_seen_);
-            foreign_seen_ = foreign;
+        if (foreign == foreign_seen_) return;
+        {
+            std::lock_guard<std::mutex> lk(port_->mu_);
+            port_->stats_.foreign += foreign - foreign_seen_;
+        }
+        foreign_seen_ = foreign;
+    }
+
+    void on_ready() override {
+        port_->sink_->trace("port %s: the lock is ours now", port_->address_.c_str());
+    }
+
+    void on_gone(const std::string& why) override {
+        {
+            std::lock_guard<std::mutex> lk(port_->mu_);
+            ++port_->stats_.vanished;
+            // The modem behind a port that went away starts afresh: what was sent is lost.
+            const uint64_t session = session_;
+            port_->pending_.forget([session](const Sent& s) { return s.session <= session; });
+        }
+        fprintf(stderr, "libdiag: diag port %s: %s; closed\n", port_->address_.c_str(), why.c_str());
+    }
+
+    void on_stalled(size_t bytes) override {
+        {
+            std::lock_guard<std::mutex> lk(port_->mu_);
+            ++port_->stats_.stalls;
+        }
+        fprintf(stderr, "libdiag: diag port %s: no write for %lld ms, %zu bytes dropped\n",
+                port_->address_.c_str(), static_cast<long long>(diag_port::kWriteLimit.count()),
+                bytes);
+    }
+
+    void on_frame(const uint8_t* frame, size_t n) override {
+        Sent to;
+        matcher::Outcome outcome;
+        {
+            std::lock_guard<std::mutex> lk(port_->mu_);
+            PortStats& stats = port_->stats_;
+            ++stats.frames;
+            outcome = port_->pending_.match(frame, n, Clock::now(), &to);
+            switch (outcome) {
+                case matcher::Outcome::kReply:
+                    ++stats.replies;
+                    break;
+                case matcher::Outcome::kLate:
+                    ++stats.late;
+                    break;
+                case matcher::Outcome::kUnsolicited:
+                    ++stats.unsolicited;
+                    break;
+            }
+        }
+        ModemSink* sink = port_->sink_;
+        switch (outcome) {
+            case matcher::Outcome::kReply:
+                sink->trace("port: reply 0x%02x, %zu bytes", frame[0], n);
+                to.to.bytes.assign(frame, frame + n);
+                port_->queue_->post(std::move(to.to));
+                return;
+            case matcher::Outcome::kLate:
+                sink->trace("port: late reply 0x%02x, %zu bytes, dropped: its caller has gone",
+                            frame[0], n);
+                return;
+            case matcher::Outcome::kUnsolicited:
+                sink->unsolicited(Bytes(frame, frame + n));
+                return;
         }
     }
-    void on_ready() override { port_->on_ready(); }
-    void on_gone(const std::string& why) override { port_->on_gone(session_, why); }
-    void on_stalled(size_t bytes) override { port_->on_stalled(bytes); }
-    void on_frame(const uint8_t* frame, size_t n) override { port_->on_frame(frame, n); }
-    void on_drop(const char* why) override { port_->on_drop(why); }
+
+    void on_drop(const char* why) override {
+        uint64_t dropped;
+        {
+            std::lock_guard<std::mutex> lk(port_->mu_);
+            dropped = ++port_->stats_.dropped;
+        }
+        port_->sink_->trace("port: frame dropped (%s), %llu so far", why,
+                            static_cast<unsigned long long>(dropped));
+    }
 
   private:
     // Why requests went unanswered, as far as the port can tell; also said on standard error,
@@ -58,8 +134,8 @@ class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink
                    std::to_string(counts.foreign) +
                    " non-HDLC frames did: the modem seems to speak non-HDLC framing "
                    "(LIBDIAG_FRAMING=nhdlc, tolven-diag --framing nhdlc)";
-        } else {
-            std::vector<std::string> users = other_users(port);
+        } else if (!diag_port::is_tcp_address(port)) {
+            std::vector<std::string> users = diag_port::other_users(port);
             if (!users.empty()) {
                 note = "the port " + port + " is also open in ";
                 for (size_t i = 0; i < users.size(); ++i) note += (i ? ", " : "") + users[i];
@@ -79,10 +155,11 @@ class PortModem::Connection final : public LinkSink, public diag_wire::FrameSink
 };
 
 PortModem::PortModem(std::string address, FramingKind framing, std::chrono::milliseconds linger,
-                     ModemSink* sink)
+                     DeliveryQueue* queue, ModemSink* sink)
     : address_(std::move(address)),
       framing_(framing),
       linger_(linger),
+      queue_(queue),
       sink_(sink),
       encoder_(open_framing(framing, nullptr)) {}
 
@@ -94,22 +171,26 @@ void PortModem::Closer::operator()(Connection* c) const {
     delete c;
 }
 
-bool PortModem::connect(ConnectionPtr* stale, std::string* error) {
+bool PortModem::resume(ConnectionPtr* stale) {
+    std::lock_guard<std::mutex> lk(mu_);
+    if (connection_ == nullptr) return false;
+    Link& link = connection_->link();
+    if (link.resume() && !link.others_waiting()) {
+        note_.clear();
+        return true;
+    }
+    *stale = std::move(connection_);
+    return false;
+}
+
+bool PortModem::open(long baud, std::string* error) {
     uint64_t session;
     {
         std::lock_guard<std::mutex> lk(mu_);
-        if (connection_ != nullptr) {
-            Link& link = connection_->link();
-            if (link.resume() && !link.others_waiting()) {
-                note_.clear();
-                return true;
-            }
-            *stale = std::move(connection_);
-        }
         session = ++sessions_;
     }
     ConnectionPtr c(new Connection(this, session));
-    if (!c->open(error)) return false;
+    if (!c->open(baud, error)) return false;
     std::lock_guard<std::mutex> lk(mu_);
     note_.clear();
     ++stats_.opens;
@@ -179,83 +260,6 @@ PortStats PortModem::stats() const {
 std::string PortModem::note() const {
     std::lock_guard<std::mutex> lk(mu_);
     return note_;
-}
-
-void PortModem::on_frame(const uint8_t* frame, size_t n) {
-    Sent to;
-    matcher::Outcome outcome;
-    {
-        std::lock_guard<std::mutex> lk(mu_);
-        ++stats_.frames;
-        outcome = pending_.match(frame, n, Clock::now(), &to);
-        switch (outcome) {
-            case matcher::Outcome::kReply:
-                ++stats_.replies;
-                break;
-            case matcher::Outcome::kLate:
-                ++stats_.late;
-                break;
-            case matcher::Outcome::kUnsolicited:
-                ++stats_.unsolicited;
-                break;
-        }
-    }
-    switch (outcome) {
-        case matcher::Outcome::kReply:
-            sink_->trace("port: reply 0x%02x, %zu bytes", frame[0], n);
-            sink_->reply(std::move(to.to), Bytes(frame, frame + n));
-            return;
-        case matcher::Outcome::kLate:
-            sink_->trace("port: late reply 0x%02x, %zu bytes, dropped: its caller has gone",
-                         frame[0], n);
-            return;
-        case matcher::Outcome::kUnsolicited:
-            sink_->unsolicited(Bytes(frame, frame + n));
-            return;
-    }
-}
-
-void PortModem::on_drop(const char* why) {
-    uint64_t dropped;
-    {
-        std::lock_guard<std::mutex> lk(mu_);
-        dropped = ++stats_.dropped;
-    }
-    sink_->trace("port: frame dropped (%s), %llu so far", why,
-                 static_cast<unsigned long long>(dropped));
-}
-
-void PortModem::on_gone(uint64_t session, const std::string& why) {
-    {
-        std::lock_guard<std::mutex> lk(mu_);
-        ++stats_.vanished;
-        // The modem behind a port that went away starts afresh: what was sent is lost.
-        pending_.forget([session](const Sent& s) { return s.session <= session; });
-    }
-    fprintf(stderr, "libdiag: diag port %s: %s; closed\n", address_.c_str(), why.c_str());
-}
-
-void PortModem::on_stalled(size_t bytes) {
-    {
-        std::lock_guard<std::mutex> lk(mu_);
-        ++stats_.stalls;
-    }
-    fprintf(stderr, "libdiag: diag port %s: no write for %lld ms, %zu bytes dropped\n",
-            address_.c_str(), static_cast<long long>(kWriteLimit.count()), bytes);
-}
-
-void PortModem::on_ready() {
-    sink_->trace("port %s: the lock is ours now", address_.c_str());
-}
-
-void PortModem::add_foreign(uint64_t frames) {
-    std::lock_guard<std::mutex> lk(mu_);
-    stats_.foreign += frames;
-}
-
-void PortModem::closed(const std::string& note) {
-    std::lock_guard<std::mutex> lk(mu_);
-    note_ = note;
 }
 
 }  // namespace libdiag_sim

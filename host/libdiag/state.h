@@ -1,6 +1,7 @@
 // The host libdiag's process-wide state, behind the C entry points and the control API: the
 // connection, the DCI clients and callbacks, the journal, and the modems. Everything here is
-// guarded by State::mu; the layers below report to it through ModemSink.
+// guarded by State::mu; the modems hand replies to its delivery queue and the rest to it, their
+// ModemSink.
 #pragma once
 
 #include <errno.h>
@@ -30,7 +31,7 @@ struct Settings {
     uint16_t remote_mask = 0;
     uint16_t support_list = 0x0002;
     uint16_t responders = 0;
-    diag_modem::Overrides answers;
+    diag_wire::Overrides answers;
     milliseconds log_every{0};  // the simulated modem's unsolicited log packets
     std::vector<uint32_t> subscriptions;
 };
@@ -76,6 +77,9 @@ struct Scope {
 };
 
 bool valid_proc(int proc);
+// Adds the overrides of the answers file at |path| to |*answers|; false when it cannot be read
+// or has bad lines, each said on standard error.
+bool load_answers_file(const std::string& path, diag_wire::Overrides* answers);
 
 class State : public ModemSink {
   public:
@@ -151,14 +155,13 @@ class State : public ModemSink {
     void restore_defaults(Released* released, std::unique_lock<std::mutex>& lk);
 
     // ModemSink
-    void reply(Delivery to, Bytes bytes) override;
     void answered(const Answer& answer, const Delivery& to, Clock::time_point sent) override;
     void unsolicited(Bytes packet) override;
     __attribute__((format(printf, 2, 3))) void trace(const char* fmt, ...) override;
 
   private:
     void record(Call c, const Outcome& o);
-    diag_modem::Traffic traffic_;
+    diag_wire::Traffic traffic_;
     uint64_t traffic_gen_ = 0;  // ticks of an earlier setting stop
     void schedule(const Answer& a, const Delivery& reply_to, Clock::time_point sent);
 

@@ -194,13 +194,13 @@ int main(int argc, char** argv) {
     if (optind < argc) return usage_error(std::string("unexpected argument ") + argv[optind]);
 
     if (!answers.empty()) {
-        diag_modem::ParsedAnswers parsed = diag_modem::parse_answers_file(answers);
+        diag_wire::ParsedAnswers parsed = diag_wire::parse_answers_file(answers);
         for (const std::string& e : parsed.errors) fprintf(stderr, "%s: %s\n", kProg, e.c_str());
         for (const std::string& w : parsed.warnings) {
             fprintf(stderr, "%s: warning: %s\n", kProg, w.c_str());
         }
         if (!parsed.errors.empty()) return 1;
-        options.answers = diag_modem::overrides_of(parsed);
+        options.answers = diag_wire::overrides_of(parsed);
     }
 
     std::string error;

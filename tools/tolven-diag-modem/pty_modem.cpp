@@ -20,6 +20,8 @@
 namespace pty_modem {
 namespace {
 
+namespace hdlc = diag_wire::hdlc;
+namespace nhdlc = diag_wire::nhdlc;
 using Clock = std::chrono::steady_clock;
 using diag_wire::FramingKind;
 
@@ -40,9 +42,9 @@ struct Modem::Impl final : diag_wire::FrameSink {
     int slave = -1;  // held open so that the master never sees a hang-up between clients
     int wake = -1;
     Options options;
-    std::unique_ptr<diag_modem::AnswerTable> table = diag_modem::make_builtin_table();
+    std::unique_ptr<diag_wire::AnswerTable> table = diag_wire::make_builtin_table();
     std::unique_ptr<diag_wire::Framing> framing;
-    diag_modem::Traffic traffic;
+    diag_wire::Traffic traffic;
     std::deque<Chunk> out;
     Clock::time_point last_reply_due;
     uint64_t reply_count = 0;
@@ -55,11 +57,11 @@ struct Modem::Impl final : diag_wire::FrameSink {
     void configure(Options o) {
         options = std::move(o);
         framing = diag_wire::open_framing(options.framing, this);
-        traffic = diag_modem::Traffic(options.subscriptions);
+        traffic = diag_wire::Traffic(options.subscriptions);
     }
 
     Answer answer(const Bytes& req) {
-        std::optional<Answer> a = diag_modem::find_override(options.answers, req);
+        std::optional<Answer> a = diag_wire::find_override(options.answers, req);
         return a ? *a : table->answer(0, req);
     }
 
@@ -106,7 +108,7 @@ struct Modem::Impl final : diag_wire::FrameSink {
         }
         Clock::time_point now = Clock::now();
         Clock::time_point due = std::max(now + options.reply_delay, last_reply_due);
-        for (const diag_modem::Response& r : answer(Bytes(data, data + n)).responses) {
+        for (const diag_wire::Response& r : answer(Bytes(data, data + n)).responses) {
             due += r.delay;
             for (int i = 0; i < options.logs_before_reply; ++i) {
                 queue_unsolicited(traffic.next_log(), due, true);

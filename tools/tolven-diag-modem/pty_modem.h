@@ -20,7 +20,7 @@
 
 namespace pty_modem {
 
-using diag_modem::Answer;
+using diag_wire::Answer;
 using diag_wire::Bytes;
 
 struct Options {
@@ -35,7 +35,7 @@ struct Options {
     int corrupt_every = 0;           // every Nth reply comes after a broken copy of it; 0: never
     bool garbage = false;            // replies are noise that never decodes
     bool hang_up_mid_reply = false;  // the first reply stops halfway and the pty closes
-    diag_modem::Overrides answers;   // in front of the answer table, longest prefix wins
+    diag_wire::Overrides answers;    // in front of the answer table, longest prefix wins
 };
 
 struct Stats {

@@ -14,10 +14,10 @@
 
 namespace libdiag_sim {
 
-using diag_modem::Answer;
-using diag_modem::AnswerTable;
-using diag_modem::Response;
+using diag_wire::Answer;
+using diag_wire::AnswerTable;
 using diag_wire::Bytes;
+using diag_wire::Response;
 
 // Success code of every DCI call; the failure codes are the simulator's own.
 constexpr int kDciOk = 1001;

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-namespace nhdlc {
+namespace diag_wire::nhdlc {
 
 bool encode(const uint8_t* payload, size_t n, std::vector<uint8_t>* out) {
     if (n == 0 || n > kMaxPayload) return false;
@@ -91,4 +91,4 @@ size_t Decoder::next(const uint8_t* data, size_t n, Event* event) {
     return n;
 }
 
-}  // namespace nhdlc
+}  // namespace diag_wire::nhdlc

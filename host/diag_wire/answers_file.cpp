@@ -6,10 +6,9 @@
 #include "files.h"
 #include "text.h"
 
-namespace diag_modem {
+namespace diag_wire {
 namespace {
 
-using diag_wire::trim;
 
 bool is_blank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
@@ -132,4 +131,4 @@ Overrides overrides_of(const ParsedAnswers& parsed) {
     return overrides;
 }
 
-}  // namespace diag_modem
+}  // namespace diag_wire

@@ -6,10 +6,8 @@
 
 #include <algorithm>
 
-namespace diag_modem {
+namespace diag_wire {
 namespace {
-
-using namespace diag_wire;
 
 constexpr size_t kMaxReply = 16384;
 constexpr size_t kSubsysHeader = 4;  // 4B, subsystem id, command (u16)
@@ -196,4 +194,4 @@ Bytes Traffic::next_event() {
     return wrapped(std::move(p));
 }
 
-}  // namespace diag_modem
+}  // namespace diag_wire

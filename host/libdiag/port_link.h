@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace libdiag_sim {
+namespace diag_port {
 
 class LinkSink {
   public:
@@ -46,21 +46,41 @@ class Link {
     virtual bool resume() = 0;
 };
 
+// What a link moves bytes through, opened: a device or a TCP connection. Destroying it closes
+// it. A link calls it on its I/O thread, but for others_waiting().
+class LinkPort {
+  public:
+    virtual ~LinkPort() = default;
+    virtual int fd() const = 0;
+    // Who kept the port when it was opened ("process 123 (name)", or "another process"); ""
+    // when it was ours from the start.
+    virtual std::string holder() const { return ""; }
+    // For a port that another process keeps: starts waiting for it, and writes to the eventfd
+    // |wake| once it may be ours.
+    virtual void wait(int wake) { (void)wake; }
+    // After such a wake-up: whether the port is ours now; then |*error| is the errno of making
+    // it ready for use, or 0.
+    virtual bool take(int* error) {
+        *error = 0;
+        return true;
+    }
+    // Whether another process waits for the port.
+    virtual bool others_waiting() const { return false; }
+    // Why a read of nothing ends the link.
+    virtual const char* end_of_file() const = 0;
+};
+
 // A write that the port does not take within this time (the peer stopped reading) is dropped.
 constexpr std::chrono::milliseconds kWriteLimit{1000};
-// Connecting to a TCP port gives up after this time.
-constexpr std::chrono::milliseconds kConnectLimit{3000};
 
 // "tcp:HOST:PORT" (IPv6 as "tcp:[ADDRESS]:PORT") names a TCP port; anything else a device.
 bool is_tcp_address(const std::string& address);
 
-// Opens the port at |address|; nullptr with the reason in |*error|. A device is opened raw and
-// exclusively and locked with flock(2) for as long as the link is open; a device whose lock
-// another process holds is opened all the same, and the link waits for the lock, reading and
-// writing nothing until it holds it.
-std::unique_ptr<Link> open_link(const std::string& address, LinkSink* sink, std::string* error);
+// Opens the port at |address|, a device at |baud| (serial_device.h) or a TCP port
+// (tcp_port.h); nullptr with the reason in |*error|. A device whose lock another process holds
+// is opened all the same, and the link waits for the lock, reading and writing nothing until
+// it holds it.
+std::unique_ptr<Link> open_link(const std::string& address, long baud, LinkSink* sink,
+                                std::string* error);
 
-// Processes other than this one that have the device at |address| open, as "process 123 (name)".
-std::vector<std::string> other_users(const std::string& address);
-
-}  // namespace libdiag_sim
+}  // namespace diag_port

@@ -9,7 +9,7 @@
 
 #include "feed.h"
 
-namespace hdlc {
+namespace diag_wire::hdlc {
 
 constexpr uint8_t kFlag = 0x7E;
 constexpr uint8_t kEscape = 0x7D;
@@ -78,4 +78,4 @@ class Decoder {
     Counts counts_;
 };
 
-}  // namespace hdlc
+}  // namespace diag_wire::hdlc

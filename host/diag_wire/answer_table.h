@@ -12,9 +12,7 @@
 
 #include "wire.h"
 
-namespace diag_modem {
-
-using diag_wire::Bytes;
+namespace diag_wire {
 
 // One response from a processor: the whole reply, cut into pieces of at most 4096 bytes on the
 // DCI path unless |pieces| gives the cut explicitly.
@@ -65,4 +63,4 @@ class Traffic {
     uint64_t seq_ = 0;
 };
 
-}  // namespace diag_modem
+}  // namespace diag_wire

@@ -9,7 +9,7 @@
 
 #include "feed.h"
 
-namespace nhdlc {
+namespace diag_wire::nhdlc {
 
 constexpr uint8_t kFlag = 0x7E;
 constexpr uint8_t kVersion = 0x01;
@@ -58,4 +58,4 @@ class Decoder {
     uint64_t dropped_ = 0;
 };
 
-}  // namespace nhdlc
+}  // namespace diag_wire::nhdlc

@@ -2,7 +2,7 @@
 
 #include <string.h>
 
-namespace hdlc {
+namespace diag_wire::hdlc {
 namespace {
 
 constexpr uint16_t kPoly = 0x8408;
@@ -155,4 +155,4 @@ Event Decoder::end_frame() {
     return Event::kFrame;
 }
 
-}  // namespace hdlc
+}  // namespace diag_wire::hdlc

@@ -7,7 +7,7 @@
 
 #include "answer_table.h"
 
-namespace diag_modem {
+namespace diag_wire {
 
 // One accepted line of an answers file.
 struct AnswerLine {
@@ -40,4 +40,4 @@ ParsedAnswers parse_answers_file(const std::string& path);
 // The overrides |parsed| makes: a later line replaces an earlier one of the same prefix.
 Overrides overrides_of(const ParsedAnswers& parsed);
 
-}  // namespace diag_modem
+}  // namespace diag_wire
