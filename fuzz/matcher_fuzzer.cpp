@@ -5,8 +5,9 @@
 // The model knows which requests wait and, for each orphan, whether it is surely held and
 // whether a late answer taken by an older orphan marked it as probably answered already. A frame
 // goes to the oldest waiting request it answers, unless an orphan ahead that it also answers
-// takes it as late: an unmarked one surely does, a marked one passes it on, and one the model
-// is unsure of may do either. answers() is the oracle for what matches; the wrapper rules and the
+// takes it as late: an unmarked one surely does (but hands it on to that waiting request when
+// the two have the same bytes), a marked one passes it on, and one the model is unsure of may
+// do either. answers() is the oracle for what matches; the wrapper rules and the
 // answers the model builds are checked from the bytes.
 
 #include <stdint.h>
@@ -204,34 +205,53 @@ struct Fuzz {
                 ahead.push_back(static_cast<int>(i));
             }
         }
-        // Those that may take it: up to the first clean one, which surely does.
+        // Those that may take it: up to the first clean one, which surely does. A taker with
+        // the same bytes as the oldest waiting request hands the frame on to it.
         std::vector<int> takers;
-        bool must_late = false;
+        bool clean_last = false;
+        int twins = 0;
         for (int i : ahead) {
             Mark m = mark(sent[i]);
             if (m == Mark::kMarked) continue;
             takers.push_back(i);
-            if ((must_late = m == Mark::kClean)) break;
+            twins += oldest >= 0 && sent[i].bytes == sent[oldest].bytes;
+            if ((clean_last = m == Mark::kClean)) break;
         }
+        const int n_takers = static_cast<int>(takers.size());
 
         int to = -1;
         Outcome got = pending.match(f.data(), f.size(), now, &to);
         if (unsolicited) require(got == Outcome::kUnsolicited, "unsolicited stays unsolicited");
-        if (must_late) require(got == Outcome::kLate, "a late answer is late");
+        if (clean_last && twins == 0) require(got == Outcome::kLate, "a late answer is late");
+        if (clean_last && twins == n_takers) {
+            require(got == Outcome::kReply, "a late answer to the same request serves it");
+        }
         if (takers.empty()) {
             require(got == (oldest >= 0 ? Outcome::kReply : Outcome::kUnsolicited),
                     "a frame goes to the oldest waiting request it answers");
         }
         if (got == Outcome::kReply) {
             require(oldest >= 0 && to == oldest, "a reply completes the oldest it answers");
+            require(twins > 0 || !clean_last, "a reply passes every orphan ahead, or a twin");
             check_wrapper(sent[to], f);
             sent[to].state = State::kGone;
+        }
+        if (got == Outcome::kReply && twins > 0) {
+            if (n_takers == 1) {
+                // The one taker took it for its twin: the orphans before it passed it on.
+                for (int i : ahead) {
+                    if (i <= takers[0]) sent[i].state = State::kGone;
+                }
+            } else {
+                for (int i : ahead) sent[i].mark = Mark::kUnsure;
+            }
+            return;
         }
         if (got != Outcome::kLate) {
             for (int i : ahead) sent[i].state = State::kGone;  // none held and clean: passed
             return;
         }
-        require(!takers.empty(), "late only for an orphan");
+        require(twins < n_takers, "late only for an orphan without a waiting twin");
         if (takers.size() > 1) {
             for (int i : matches) sent[i].mark = Mark::kUnsure;
             return;

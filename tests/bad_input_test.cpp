@@ -230,6 +230,9 @@ class TcpPeer {
 TEST(FailuresSaid, TheCauseWhereTheUserLooks) {
     TcpPeer echo(TcpPeer::kEcho);
     ASSERT_FALSE(echo.address().empty());
+    // Leaves every third request unanswered: the next one's answer must not be lost to it.
+    ModemProcess lossy(TOLVEN_DIAG_MODEM, {"--unanswered-every", "3"});
+    ASSERT_FALSE(lossy.path().empty());
     struct Row {
         const char* name;
         std::vector<std::string> args;
@@ -242,6 +245,10 @@ TEST(FailuresSaid, TheCauseWhereTheUserLooks) {
              0,
              "note: the reply is the request itself, byte for byte: a port that sends back what "
              "it gets"},
+            {"a modem that leaves one command in three unanswered",
+             {"--port", lossy.path(), "--count", "7", "--interval", "0", "-t", "200", "1c"},
+             1,
+             "summary: 7 sent, 5 answered, 2 timed out"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);

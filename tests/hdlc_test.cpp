@@ -165,13 +165,22 @@ TEST(ReplyMatch, LateAnswersNeverCompleteANewerRequest) {
              {0},
              {{echo_a, Outcome::kLate}, {echo_b, Outcome::kReply}},
              {1}},
-            // 0 was never answered: its orphan takes 1's answer, so 1 is dropped on gone and
-            // 2 gets its own
-            {"never answered",
+            // The same bytes again after a time-out: whichever answer comes first serves the
+            // waiting caller, and a second one is the orphan's, or nobody's.
+            {"the same request again",
              {{0x1C}, {0x1C}, {0x1C}},
              {0, 1},
-             {{{0x1C, 0x08}, Outcome::kLate}, {{0x1C, 0x08}, Outcome::kReply}},
+             {{{0x1C, 0x08}, Outcome::kReply},
+              {{0x1C, 0x08}, Outcome::kLate},
+              {{0x1C, 0x08}, Outcome::kUnsolicited}},
              {2}},
+            // Other bytes of the same command: the orphan takes the answer as its own late one,
+            // and the newer request waits for the next
+            {"the same command, other bytes",
+             {{0x1C}, {0x1C, 0x01}},
+             {0},
+             {{{0x1C, 0x08}, Outcome::kLate}, {{0x1C, 0x08}, Outcome::kReply}},
+             {1}},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.name);

@@ -1,12 +1,14 @@
 // Which frame from a diag port answers which request. The modem answers in order, but it also
 // sends log packets, event reports and messages of its own at any time, wrapped for a
 // subscription or not, and a caller that gave up leaves its answer to come later; none of these
-// may complete another request.
+// may complete another request, except a late answer to the very request a newer caller waits
+// for, which is as good as its own.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
+#include <algorithm>
 #include <chrono>
 #include <deque>
 #include <utility>
@@ -96,6 +98,18 @@ class Pending {
                 // was never going to be answered, so this frame is for someone newer.
                 it = q_.erase(it);
                 continue;
+            }
+            // A caller that waits for the very same request takes the frame: whether it is the
+            // orphan's late answer or its own, it is what that caller asked for.
+            auto first_live = std::find_if(std::next(it), q_.end(), [&](const Entry& e) {
+                return e.live && answers(e.request, frame, n);
+            });
+            if (first_live != q_.end() && first_live->request == it->request) {
+                *to = std::move(first_live->to);
+                const auto orphan_at = it - q_.begin();
+                q_.erase(first_live);
+                q_.erase(q_.begin() + orphan_at);
+                return Outcome::kReply;
             }
             // The caller gave up before its answer came: this is that answer. Newer requests
             // that it also matches may have lost theirs to it if the orphan was never answered.

@@ -44,6 +44,8 @@ const char kUsage[] =
         "      --byte-gap US       write replies one byte at a time, US microseconds apart\n"
         "      --delay MS          wait MS milliseconds before every reply\n"
         "      --corrupt-every N   send every Nth reply after a copy of it with a bad CRC\n"
+        "      --unanswered-every N\n"
+        "                          leave every Nth request unanswered\n"
         "      --garbage           answer with noise that never decodes\n"
         "      --link PATH         also make PATH a symbolic link to the pty, removed on\n"
         "                          exit; PATH must not exist (a link left by an earlier\n"
@@ -110,6 +112,7 @@ int main(int argc, char** argv) {
         kByteGap,
         kDelay,
         kCorruptEvery,
+        kUnansweredEvery,
         kGarbage,
         kLink,
         kFraming,
@@ -123,6 +126,7 @@ int main(int argc, char** argv) {
             {"byte-gap", required_argument, nullptr, kByteGap},
             {"delay", required_argument, nullptr, kDelay},
             {"corrupt-every", required_argument, nullptr, kCorruptEvery},
+            {"unanswered-every", required_argument, nullptr, kUnansweredEvery},
             {"garbage", no_argument, nullptr, kGarbage},
             {"link", required_argument, nullptr, kLink},
             {"framing", required_argument, nullptr, kFraming},
@@ -138,7 +142,7 @@ int main(int argc, char** argv) {
     opterr = 0;
     for (int c; (c = getopt_long(argc, argv, "h", kLong, nullptr)) != -1;) {
         long long v = 0;
-        bool numeric = c >= kLogEvery && c <= kCorruptEvery;
+        bool numeric = c >= kLogEvery && c <= kUnansweredEvery;
         if (numeric && !parse_count(optarg, c == kByteGap ? kMaxMs * 1000 : kMaxMs, &v)) {
             return usage_error(std::string("bad number '") + optarg + "' for --" +
                                kLong[c - kAnswers].name);
@@ -164,6 +168,9 @@ int main(int argc, char** argv) {
                 break;
             case kCorruptEvery:
                 options.corrupt_every = static_cast<int>(std::min<long long>(v, 1 << 30));
+                break;
+            case kUnansweredEvery:
+                options.unanswered_every = static_cast<int>(std::min<long long>(v, 1 << 30));
                 break;
             case kGarbage:
                 options.garbage = true;

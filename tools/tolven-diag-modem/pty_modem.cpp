@@ -102,10 +102,12 @@ struct Modem::Impl final : diag_wire::FrameSink {
 
     // Replies go out in order, each no earlier than the one before.
     void on_frame(const uint8_t* data, size_t n) override {
+        uint64_t nth;
         {
             std::lock_guard<std::mutex> lk(stats_mu);
-            ++stats.requests;
+            nth = ++stats.requests;
         }
+        if (options.unanswered_every > 0 && nth % options.unanswered_every == 0) return;
         Clock::time_point now = Clock::now();
         Clock::time_point due = std::max(now + options.reply_delay, last_reply_due);
         for (const diag_wire::Response& r : answer(Bytes(data, data + n)).responses) {

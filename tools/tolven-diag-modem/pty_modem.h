@@ -33,6 +33,7 @@ struct Options {
     std::chrono::microseconds byte_gap{0};     // replies go out one byte at a time, this apart
     std::chrono::milliseconds reply_delay{0};  // before every reply
     int corrupt_every = 0;           // every Nth reply comes after a broken copy of it; 0: never
+    int unanswered_every = 0;        // every Nth request goes unanswered; 0: none
     bool garbage = false;            // replies are noise that never decodes
     bool hang_up_mid_reply = false;  // the first reply stops halfway and the pty closes
     diag_wire::Overrides answers;    // in front of the answer table, longest prefix wins
