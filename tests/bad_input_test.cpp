@@ -230,9 +230,11 @@ class TcpPeer {
 TEST(FailuresSaid, TheCauseWhereTheUserLooks) {
     TcpPeer echo(TcpPeer::kEcho);
     ASSERT_FALSE(echo.address().empty());
+    TcpPeer silent(TcpPeer::kSilent), noise(TcpPeer::kNoise);
     // Leaves every third request unanswered: the next one's answer must not be lost to it.
     ModemProcess lossy(TOLVEN_DIAG_MODEM, {"--unanswered-every", "3"});
-    ASSERT_FALSE(lossy.path().empty());
+    ModemProcess garbage(TOLVEN_DIAG_MODEM, {"--garbage"});
+    ASSERT_FALSE(lossy.path().empty() || garbage.path().empty());
     struct Row {
         const char* name;
         std::vector<std::string> args;
@@ -245,6 +247,19 @@ TEST(FailuresSaid, TheCauseWhereTheUserLooks) {
              0,
              "note: the reply is the request itself, byte for byte: a port that sends back what "
              "it gets"},
+            {"a port that stays silent",
+             {"--port", silent.address(), "-t", "300", "00"},
+             1,
+             "timed out: no complete reply within 300 ms: no bytes came back from " +
+                     silent.address()},
+            {"a port that sends bytes that are no frames",
+             {"--port", noise.address(), "-t", "300", "00"},
+             1,
+             "bytes came back from " + noise.address() + " but formed no frame"},
+            {"a modem whose frames fail their CRC",
+             {"--port", garbage.path(), "-t", "300", "00"},
+             1,
+             "frame from " + garbage.path() + " was dropped for a bad CRC, and none came whole"},
             {"a modem that leaves one command in three unanswered",
              {"--port", lossy.path(), "--count", "7", "--interval", "0", "-t", "200", "1c"},
              1,

@@ -1,6 +1,7 @@
 // A modem on a diag port: the link hands bytes to the framing the port was opened with, the
 // framing hands frames to the matcher, and the matcher hands replies to the delivery queue.
 #include <stdio.h>
+#include <string.h>
 
 #include "modem.h"
 #include "port_link.h"
@@ -38,6 +39,7 @@ class PortModem::Connection final : public diag_port::LinkSink, public diag_wire
     void set_unanswered() { unanswered_ = true; }
 
     void on_bytes(const uint8_t* data, size_t n) override {
+        bytes_in_ += n;
         framing_->feed(data, n);
         uint64_t foreign = framing_->counts().foreign;
         if (foreign == foreign_seen_) return;
@@ -111,6 +113,7 @@ class PortModem::Connection final : public diag_port::LinkSink, public diag_wire
     }
 
     void on_drop(const char* why) override {
+        bad_crc_ += strcmp(why, "bad CRC") == 0;
         uint64_t dropped;
         {
             std::lock_guard<std::mutex> lk(port_->mu_);
@@ -134,12 +137,26 @@ class PortModem::Connection final : public diag_port::LinkSink, public diag_wire
                    std::to_string(counts.foreign) +
                    " non-HDLC frames did: the modem seems to speak non-HDLC framing "
                    "(LIBDIAG_FRAMING=nhdlc, tolven-diag --framing nhdlc)";
-        } else if (!diag_port::is_tcp_address(port)) {
-            std::vector<std::string> users = diag_port::other_users(port);
+        } else if (bad_crc_ > 0 && counts.frames == 0) {
+            note = std::to_string(bad_crc_) + (bad_crc_ == 1 ? " frame" : " frames") + " from " +
+                   port + (bad_crc_ == 1 ? " was" : " were") +
+                   " dropped for a bad CRC, and none came whole: a wrong baud rate (LIBDIAG_BAUD) "
+                   "or a line that garbles bytes?";
+        } else if (bytes_in_ > 0 && counts.frames == 0 && counts.dropped == 0) {
+            note = std::to_string(bytes_in_) + (bytes_in_ == 1 ? " byte" : " bytes") +
+                   " came back from " + port +
+                   " but formed no frame: is it the modem's diag port, at the right baud rate?";
+        } else {
+            std::vector<std::string> users = diag_port::is_tcp_address(port)
+                                                     ? std::vector<std::string>{}
+                                                     : diag_port::other_users(port);
             if (!users.empty()) {
                 note = "the port " + port + " is also open in ";
                 for (size_t i = 0; i < users.size(); ++i) note += (i ? ", " : "") + users[i];
                 note += ", which may take the modem's answers";
+            } else if (bytes_in_ == 0) {
+                note = "no bytes came back from " + port +
+                       ": is the modem on, and is this its diag port?";
             }
         }
         if (!note.empty()) fprintf(stderr, "libdiag: %s\n", note.c_str());
@@ -150,6 +167,9 @@ class PortModem::Connection final : public diag_port::LinkSink, public diag_wire
     const uint64_t session_;
     const std::unique_ptr<diag_wire::Framing> framing_;  // I/O thread only, until it ends
     uint64_t foreign_seen_ = 0;
+    // What came back, for the note on an unanswered command: I/O thread only, until it ends.
+    uint64_t bytes_in_ = 0;
+    uint64_t bad_crc_ = 0;
     bool unanswered_ = false;
     std::unique_ptr<Link> link_;  // last: its thread goes first
 };
