@@ -80,7 +80,7 @@ TEST(FilesRead, RegularBoundedAndSaid) {
             {"/dev/zero", false, "cannot read /dev/zero: a character device, not a regular"},
             {big, false, "cannot read " + big + ": larger than 64 MiB"},
             {long_line, false, long_line + ":1: longer than 1 MiB"},
-            {odd, false, odd + ":1: bad request hex '7': '7' is not pairs of hex digits"},
+            {odd, false, odd + ":1: bad request hex '7': not pairs of hex digits"},
             {repeated, true, repeated + ":2: the same request as line 1, which this line replaces"},
             {s.path("missing"), false, "cannot read " + s.path("missing") + ": No such file"},
     };

@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "answer_table.h"
+#include "child.h"
 #include "port_holder.h"
 #include "ser2net.h"
 
@@ -50,62 +51,11 @@ size_t count(const std::string& text, const std::string& part) {
     return n;
 }
 
-// The words of TOLVEN_TEST_EMULATOR (empty on a native build), then |args|.
-std::vector<std::string> command(std::vector<std::string> args) {
-    std::vector<std::string> words;
-    std::istringstream emulator(getenv("TOLVEN_TEST_EMULATOR") ? getenv("TOLVEN_TEST_EMULATOR")
-                                                               : "");
-    for (std::string w; emulator >> w;) words.push_back(w);
-    words.insert(words.end(), args.begin(), args.end());
-    return words;
-}
-
-// The modem as a child; its first line of output is the pty's path.
-struct ModemProcess {
-    pid_t pid = -1;
-    std::string path;
-
-    explicit ModemProcess(const std::vector<std::string>& options) {
-        std::vector<std::string> words = command({TOLVEN_DIAG_MODEM});
-        words.insert(words.end(), options.begin(), options.end());
-        int out[2];
-        if (pipe(out) != 0) return;
-        pid = fork();
-        if (pid == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            close(out[0]);
-            close(out[1]);
-            std::vector<char*> argv;
-            for (std::string& w : words) argv.push_back(w.data());
-            argv.push_back(nullptr);
-            execvp(argv[0], argv.data());
-            _exit(127);
-        }
-        close(out[1]);
-        FILE* in = fdopen(out[0], "r");
-        char line[256] = "";
-        if (in != nullptr && fgets(line, sizeof line, in) != nullptr) {
-            path = std::string(line, strcspn(line, "\n"));
-        }
-        if (in != nullptr) fclose(in);
-    }
-
-    // Interrupts the modem; its exit status.
-    int stop() {
-        int status = -1;
-        if (pid > 0 && kill(pid, SIGTERM) == 0 && waitpid(pid, &status, 0) == pid) pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    ~ModemProcess() {
-        if (pid > 0) stop();
-    }
-};
-
 // The tool's exit code and output (stderr after stdout), given the port with --port.
 std::pair<int, std::string> run_tool(const std::string& port, std::vector<std::string> args) {
     std::string cmd;
     args.insert(args.begin(), {TOLVEN_DIAG_TOOL, "--port", port});
-    for (const std::string& w : command(args)) cmd += " '" + w + "'";
+    for (const std::string& w : emulated(args)) cmd += " '" + w + "'";
     FILE* p = popen((cmd + " 2>&1").c_str(), "r");
     std::string out;
     char buf[4096];
@@ -115,12 +65,12 @@ std::pair<int, std::string> run_tool(const std::string& port, std::vector<std::s
 }
 
 TEST(SerialTool, VersionReplyInBothModesFromANoisyModem) {
-    ModemProcess modem(
-            {"--log-every", "2", "--event-every", "3", "--corrupt-every", "2", "--byte-gap", "50"});
-    ASSERT_EQ(0u, modem.path.rfind("/dev/", 0)) << modem.path;
+    ModemProcess modem(TOLVEN_DIAG_MODEM, {"--log-every", "2", "--event-every", "3",
+                                           "--corrupt-every", "2", "--byte-gap", "50"});
+    ASSERT_EQ(0u, modem.path().rfind("/dev/", 0)) << modem.path();
     for (const char* mode : {"dci", "callback"}) {
         SCOPED_TRACE(mode);
-        auto [code, out] = run_tool(modem.path, {"--mode", mode, "00"});
+        auto [code, out] = run_tool(modem.path(), {"--mode", mode, "00"});
         EXPECT_EQ(0, code) << out;
         EXPECT_NE(std::string::npos, out.find("reply: 55 bytes")) << out;
         EXPECT_NE(std::string::npos, out.find("\n  0000  00 4E 6F 76")) << out;
@@ -138,15 +88,15 @@ TEST(SerialTool, VersionReplyInBothModesFromANoisyModem) {
 TEST(SerialTool, TwoProcessesTakeTurnsOnOnePort) {
     // As any other user, the exclusive-open flag keeps the second process out altogether.
     if (geteuid() != 0) GTEST_SKIP() << "needs root: the exclusive-open flag stops other users";
-    ModemProcess modem({"--log-every", "5"});
-    ASSERT_EQ(0u, modem.path.rfind("/dev/", 0)) << modem.path;
+    ModemProcess modem(TOLVEN_DIAG_MODEM, {"--log-every", "5"});
+    ASSERT_EQ(0u, modem.path().rfind("/dev/", 0)) << modem.path();
     const std::vector<diag_wire::Bytes> requests = {{0x7C}, {0x98, 0x01, 0, 0, 0x01, 0, 0, 0, 0x1C}};
     std::pair<int, std::string> results[2];
     std::thread second([&] {
-        results[1] = run_tool(modem.path, {"--json", "--count", "100", "--interval", "0",
-                                           "98 01 00 00 01 00 00 00 1c"});
+        results[1] = run_tool(modem.path(), {"--json", "--count", "100", "--interval", "0",
+                                             "98 01 00 00 01 00 00 00 1c"});
     });
-    results[0] = run_tool(modem.path, {"--json", "--count", "100", "--interval", "0", "7c"});
+    results[0] = run_tool(modem.path(), {"--json", "--count", "100", "--interval", "0", "7c"});
     second.join();
     for (int i = 0; i < 2; ++i) {
         SCOPED_TRACE(i);
@@ -163,28 +113,28 @@ TEST(SerialTool, PortsOtherProcessesHold) {
     const std::string answers =
             ::testing::TempDir() + "serial_tool_answers." + std::to_string(getpid());
     std::ofstream(answers) << "1d -> none\n";
-    ModemProcess modem({"--answers", answers});
-    ASSERT_EQ(0u, modem.path.rfind("/dev/", 0)) << modem.path;
+    ModemProcess modem(TOLVEN_DIAG_MODEM, {"--answers", answers});
+    ASSERT_EQ(0u, modem.path().rfind("/dev/", 0)) << modem.path();
     {
-        PortHolder holder(modem.path, true);
+        PortHolder holder(modem.path(), true);
         ASSERT_TRUE(holder.holding());
         Clock::time_point start = Clock::now();
-        auto [code, out] = run_tool(modem.path, {"-t", "300", "00"});
+        auto [code, out] = run_tool(modem.path(), {"-t", "300", "00"});
         auto elapsed = Clock::now() - start;
         EXPECT_EQ(1, code) << out;
         EXPECT_GE(elapsed, 300ms);
         EXPECT_LT(elapsed, 300ms + 2s * time_scale());  // loose: process start and ticks
         EXPECT_NE(std::string::npos,
-                  out.find("timed out: no complete reply within 300 ms: the port " + modem.path +
+                  out.find("timed out: no complete reply within 300 ms: the port " + modem.path() +
                            " was busy: process " + std::to_string(holder.pid()) + " ("))
                 << out;
     }
-    auto [code, out] = run_tool(modem.path, {"00"});
+    auto [code, out] = run_tool(modem.path(), {"00"});
     EXPECT_EQ(0, code) << out;
 
-    PortHolder user(modem.path, false);
+    PortHolder user(modem.path(), false);
     ASSERT_TRUE(user.holding());
-    std::tie(code, out) = run_tool(modem.path, {"-t", "200", "1d"});
+    std::tie(code, out) = run_tool(modem.path(), {"-t", "200", "1d"});
     EXPECT_EQ(1, code) << out;
     EXPECT_NE(std::string::npos, out.find("is also open in process " + std::to_string(user.pid())))
             << out;
@@ -198,10 +148,11 @@ TEST(SerialTool, ThroughSer2net) {
         GTEST_SKIP() << "ser2net is not installed (scripts/install-deps.sh base)";
     const std::string answers = ::testing::TempDir() + "ser2net_answers." + std::to_string(getpid());
     std::ofstream(answers) << "1d -> none\n";
-    ModemProcess modem({"--answers", answers, "--log-every", "5", "--subscriptions", "0,1"});
-    ASSERT_EQ(0u, modem.path.rfind("/dev/", 0)) << modem.path;
+    ModemProcess modem(TOLVEN_DIAG_MODEM,
+                       {"--answers", answers, "--log-every", "5", "--subscriptions", "0,1"});
+    ASSERT_EQ(0u, modem.path().rfind("/dev/", 0)) << modem.path();
     std::string error;
-    std::unique_ptr<Ser2net> ser2net = Ser2net::start(modem.path, &error);
+    std::unique_ptr<Ser2net> ser2net = Ser2net::start(modem.path(), &error);
     ASSERT_NE(nullptr, ser2net) << error;
     const std::string port = "tcp:127.0.0.1:" + std::to_string(ser2net->port());
     struct Row {

@@ -9,45 +9,14 @@
 namespace diag_wire {
 namespace {
 
-
-bool is_blank(char c) {
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
-}
-
-int digit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-// Pairs of hex digits, blanks between them allowed and nothing else; false with why.
+// Pairs of hex digits, blanks between them allowed; false with what is wrong, and where when the
+// text has more than the wrong group.
 bool parse_pairs(const std::string& text, Bytes* out, std::string* why) {
     out->clear();
-    size_t i = 0;
-    while (i < text.size()) {
-        if (is_blank(text[i])) {
-            ++i;
-            continue;
-        }
-        size_t start = i;
-        while (i < text.size() && !is_blank(text[i])) ++i;
-        const std::string group = text.substr(start, i - start);
-        for (char c : group) {
-            if (digit(c) < 0) {
-                *why = "'" + diag_wire::printable(std::string(1, c)) + "' is not a hex digit";
-                return false;
-            }
-        }
-        if (group.size() % 2 != 0) {
-            *why = "'" + group + "' is not pairs of hex digits";
-            return false;
-        }
-        for (size_t d = 0; d < group.size(); d += 2) {
-            out->push_back(static_cast<uint8_t>(digit(group[d]) * 16 + digit(group[d + 1])));
-        }
-    }
-    return true;
+    std::string group;
+    if (parse_hex(text, out, &group, why, HexForm::kPairs)) return true;
+    if (group != trim(text)) *why += " in '" + printable(group) + "'";
+    return false;
 }
 
 }  // namespace
@@ -87,10 +56,13 @@ ParsedAnswers parse_answers(const std::string& text, const std::string& name) {
         size_t at = line.find('@', arrow);
         std::string reply = trim(line.substr(arrow + 2, at - arrow - 2));
         a.silent = reply == "none";
-        if (!a.silent && (!parse_pairs(reply, &a.reply, &why) || a.reply.empty())) {
-            refuse("bad reply '" + diag_wire::printable(reply) + "' (" +
-                   (reply.empty() || a.reply.empty() ? "hex bytes or none" : why) + ")");
-            continue;
+        if (!a.silent) {
+            const bool parsed = parse_pairs(reply, &a.reply, &why);
+            if (!parsed || a.reply.empty()) {
+                refuse("bad reply '" + printable(reply) + "' (" +
+                       (parsed ? "hex bytes or none" : why) + ")");
+                continue;
+            }
         }
         long long delay = 0;
         if (at != std::string::npos &&

@@ -28,17 +28,20 @@ bool has_hex_prefix(const std::string& s, size_t at) {
 
 }  // namespace
 
-bool parse_hex(const std::string& text, Bytes* out, std::string* group, std::string* why) {
+bool parse_hex(const std::string& text, Bytes* out, std::string* group, std::string* why,
+               HexForm form) {
+    const bool typed = form == HexForm::kAsTyped;
+    auto separates = [typed](char c) { return typed ? is_separator(c) : is_blank(c); };
     size_t i = 0;
     while (i < text.size()) {
-        if (is_separator(text[i])) {
+        if (separates(text[i])) {
             ++i;
             continue;
         }
         size_t start = i;
-        while (i < text.size() && !is_separator(text[i])) ++i;
+        while (i < text.size() && !separates(text[i])) ++i;
         std::string g = text.substr(start, i - start);
-        std::string digits = g.substr(has_hex_prefix(g, 0) ? 2 : 0);
+        std::string digits = g.substr(typed && has_hex_prefix(g, 0) ? 2 : 0);
         auto bad =
                 std::find_if(digits.begin(), digits.end(), [](char c) { return hex_value(c) < 0; });
         std::string problem;
@@ -46,8 +49,8 @@ bool parse_hex(const std::string& text, Bytes* out, std::string* group, std::str
             problem = "no digits after " + g;
         } else if (bad != digits.end()) {
             problem = "'" + printable(std::string(1, *bad)) + "' is not a hex digit";
-        } else if (digits.size() > 1 && digits.size() % 2 != 0) {
-            problem = "odd number of digits";
+        } else if (digits.size() % 2 != 0 && (digits.size() > 1 || !typed)) {
+            problem = typed ? "odd number of digits" : "not pairs of hex digits";
         }
         if (!problem.empty()) {
             *group = g;

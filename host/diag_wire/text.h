@@ -9,10 +9,16 @@
 
 namespace diag_wire {
 
-// Appends the bytes of |text| to |*out|. Groups are separated by blanks, ':' or ','; each may
-// start with 0x; a lone digit is one byte, longer groups need an even number of digits. On a bad
-// group returns false with |*group| set to it and |*why| saying what is wrong.
-bool parse_hex(const std::string& text, Bytes* out, std::string* group, std::string* why);
+enum class HexForm {
+    kAsTyped,  // groups separated by blanks, ':' or ','; 0x allowed; a lone digit is one byte
+    kPairs,    // pairs of hex digits, blanks between them allowed, nothing else (answers files)
+};
+
+// Appends the bytes of |text| to |*out|. As typed, groups are separated by blanks, ':' or ',';
+// each may start with 0x; a lone digit is one byte, longer groups need an even number of digits.
+// On a bad group returns false with |*group| set to it and |*why| saying what is wrong.
+bool parse_hex(const std::string& text, Bytes* out, std::string* group, std::string* why,
+               HexForm form = HexForm::kAsTyped);
 
 // Decimal or 0x hex, with an optional '-', nothing else around it. Values far beyond any range a
 // caller checks saturate instead of failing.
