@@ -1,14 +1,19 @@
 // Host implementation of libtolven_utils, the vendor utility library of the device, for machines
 // without its logging switches: the switches and the process identity come from environment
-// variables (see tolven_utils_host.h), and both syslog sinks write through Android's host liblog.
+// variables (see tolven_utils_host.h), and both syslog sinks write through Android's host liblog,
+// and to a file as logcat shows the lines (TOLVEN_LOG_FILE), for tests to make real logs.
 
 #include "tolven_utils_host.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -42,6 +47,17 @@ struct Capture {
     bool quiet = true;
 };
 Capture& g_capture = *new Capture;
+
+// Where every system-log line also goes, as `logcat -v threadtime` shows it, and the hook that
+// reads them in-process. Under one lock: the hook need not be thread-safe, and the file can be
+// swapped while detached threads log.
+struct Tee {
+    std::mutex lock;
+    int fd = -1;
+    std::string path;
+    tolven_utils_host::LineHook hook;
+};
+Tee& g_tee = *new Tee;
 
 // The levels the library logs at.
 constexpr unsigned kKnownLevels = (1u << 1) | (1u << 4);
@@ -88,8 +104,25 @@ void load_env() {
     g_shell_levels.store(parse_levels("TOLVEN_LOG_SHELL", 0), std::memory_order_relaxed);
     g_instance_id.store(parse_instance("TOLVEN_INSTANCE_ID"), std::memory_order_relaxed);
     const char* name = getenv("TOLVEN_PROCESS_NAME");
-    std::lock_guard<std::mutex> lock(g_name_lock);
-    g_process_name = name != nullptr ? name : program_invocation_short_name;
+    {
+        std::lock_guard<std::mutex> lock(g_name_lock);
+        g_process_name = name != nullptr ? name : program_invocation_short_name;
+    }
+    const char* file = getenv("TOLVEN_LOG_FILE");
+    std::string path = file != nullptr ? file : "";
+    std::lock_guard<std::mutex> lock(g_tee.lock);
+    if (path == g_tee.path) return;
+    if (g_tee.fd >= 0) close(g_tee.fd);
+    g_tee.fd = -1;
+    g_tee.path = path;
+    if (path.empty()) return;
+    g_tee.fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (g_tee.fd < 0) {
+        fprintf(stderr,
+                "libtolven_utils: cannot open TOLVEN_LOG_FILE %s: %s; lines are not written "
+                "there\n",
+                path.c_str(), strerror(errno));
+    }
 }
 
 void ensure_init() {
@@ -114,6 +147,29 @@ bool capture_line(int level, const char* text) {
     return g_capture.quiet;
 }
 
+// One write per line: with O_APPEND, lines of several processes never mix.
+void tee_line(int level, const char* text) {
+    std::lock_guard<std::mutex> lock(g_tee.lock);
+    if (g_tee.fd < 0 && !g_tee.hook) return;
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    tolven_utils_host::LineRecord record{level, getpid(), static_cast<int>(syscall(SYS_gettid)),
+                                         now, text};
+    if (g_tee.hook) g_tee.hook(record);
+    if (g_tee.fd < 0) return;
+    tm local;
+    localtime_r(&now.tv_sec, &local);
+    char head[64];
+    snprintf(head, sizeof head, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5d %c %-8s: ", local.tm_mon + 1,
+             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec / 1000000,
+             record.pid, record.tid, level == 1 ? 'E' : 'D', TOLVEN_UTILS_LOG_TAG);
+    std::string line = head;
+    line += text;
+    line += '\n';
+    ssize_t ignored = write(g_tee.fd, line.data(), line.size());
+    (void)ignored;
+}
+
 void write_line(int level, int priority, const char* fmt, va_list ap) {
     ensure_init();
     // Large enough for the longest hex dump line, so that it is formatted once.
@@ -130,6 +186,7 @@ void write_line(int level, int priority, const char* fmt, va_list ap) {
         vsnprintf(big.data(), big.size(), fmt, ap);
         text = big.c_str();
     }
+    tee_line(level, text);
     if (!capture_line(level, text)) __android_log_write(priority, TOLVEN_UTILS_LOG_TAG, text);
 }
 
@@ -211,6 +268,12 @@ void stop_capture() {
 std::vector<Line> captured() {
     std::lock_guard<std::mutex> lock(g_capture.lock);
     return g_capture.lines;
+}
+
+void set_line_hook(LineHook hook) {
+    ensure_init();
+    std::lock_guard<std::mutex> lock(g_tee.lock);
+    g_tee.hook = std::move(hook);
 }
 
 bool wait_for_line(const std::string& part, std::chrono::milliseconds limit) {

@@ -4,6 +4,8 @@
 //   TOLVEN_LOG_SHELL    levels whose standard-output line is on, same syntax (default "none")
 //   TOLVEN_INSTANCE_ID  subscription instance of the process; 255 means none (default 255)
 //   TOLVEN_PROCESS_NAME process name shown when the instance is 255 (default: the process's own)
+//   TOLVEN_LOG_FILE     a file that every system-log line is also appended to, as
+//                       `logcat -v threadtime` shows it (default: none)
 // Level 1 is error, level 4 is debug. System-log lines go through liblog under the tag below;
 // on a host liblog prints them to standard error.
 #pragma once
@@ -20,13 +22,16 @@ void tolven_utils_host_set_shell_levels(unsigned levels);
 void tolven_utils_host_set_instance_id(int id);
 // NULL goes back to the process's own name.
 void tolven_utils_host_set_process_name(const char* name);
-// Reads the four environment variables again.
+// Reads the environment variables again.
 void tolven_utils_host_reload_env(void);
 
 #ifdef __cplusplus
 }
 
+#include <time.h>
+
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -42,6 +47,18 @@ struct Line {
 __attribute__((visibility("default"))) void start_capture(bool quiet = true);
 __attribute__((visibility("default"))) void stop_capture();
 __attribute__((visibility("default"))) std::vector<Line> captured();
+// One system-log line as it is written, for a reader in the same process.
+struct LineRecord {
+    int level;  // 4 debug, 1 error
+    int pid;
+    int tid;
+    timespec time;  // CLOCK_REALTIME
+    const char* text;
+};
+using LineHook = std::function<void(const LineRecord&)>;
+// Hands every system-log line from now on to |hook|, one at a time, whatever the capture and
+// liblog do with it; an empty hook removes it. The hook must not log.
+__attribute__((visibility("default"))) void set_line_hook(LineHook hook);
 // Waits until a captured line contains |part|; false on |limit|.
 __attribute__((visibility("default"))) bool wait_for_line(const std::string& part,
                                                           std::chrono::milliseconds limit);
