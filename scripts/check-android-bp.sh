@@ -22,7 +22,7 @@ soong_check=${TOLVEN_SOONG_CHECK:+$(realpath "$TOLVEN_SOONG_CHECK")}
 cd "$root"
 
 # Libraries of the device's platform and of the modem vendor, not built from this tree.
-platform_modules=" libbase libc++ libcutils libdiag libjsoncpp liblog libtolven_utils libutils "
+platform_modules=" libbase libc++ libcutils libdiag libjsoncpp liblog libtolven_utils libutils libziparchive "
 
 command -v bpfmt >/dev/null || {
     echo "check-android-bp: bpfmt not found (scripts/install-deps.sh base)" >&2
