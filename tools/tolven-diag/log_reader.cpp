@@ -339,7 +339,7 @@ struct LogReader::Impl {
         Proc& p = proc_of(t);
         Fn fn = fn_of(t.func);
         Role role = role_of(fn);
-        if (role == Role::kOther) return;
+        if (role == Role::kOther) return expire();
         Cmd* cmd = route(p, t, fn, role);
         if (cmd != nullptr) {
             touch(cmd, t);
@@ -753,6 +753,10 @@ struct LogReader::Impl {
         if (len > 0 && at != string_view::npos &&
             parse_dump(t.message.substr(at + 6), len, &cmd->c.request)) {
             cmd->c.request_known = true;
+            cmd->c.request_len = len;
+        } else {
+            cmd->c.request_known = false;
+            cmd->c.request.clear();
         }
     }
 
@@ -763,6 +767,8 @@ struct LogReader::Impl {
                 if (starts(m, "diag_comand, data_len = ")) {
                     cmd->checked = true;
                     cmd->c.request_len = int_after(m, "data_len = ");
+                    cmd->c.request_known = false;
+                    cmd->c.request.clear();
                     ThreadCtx& ctx = p.ctx[t.tid];
                     ctx.pending.push_back({Pending::kInput, cmd->c.request_len, cmd});
                     trim(ctx);
@@ -1085,6 +1091,8 @@ struct LogReader::Impl {
         const int capacity = int_after(m, "reply_len = ");
         cmd->req_end = true;
         c.reply_len = data_size;
+        c.reply_known = false;
+        c.reply.clear();
         c.stored_len = stored;
         if (c.capacity < 0) c.capacity = capacity;
         const Store& s = p.store;
@@ -1097,8 +1105,11 @@ struct LogReader::Impl {
             timed_out = cmd->stop_before_end ||
                         (!cmd->completing && !cmd->whole_before_end && !whole_own);
         }
-        c.result = timed_out ? 1 : 0;
-        c.outcome = timed_out ? LoggedOutcome::kTimedOut : LoggedOutcome::kOk;
+        // A failure logged before stands (a log this mixed up is damaged anyway).
+        if (!cmd->failed) {
+            c.result = timed_out ? 1 : 0;
+            c.outcome = timed_out ? LoggedOutcome::kTimedOut : LoggedOutcome::kOk;
+        }
 
         // The reply: the stored response cut to the capacity, where the log has its bytes.
         if (data_size <= 0) {
@@ -1216,7 +1227,7 @@ struct LogReader::Impl {
                 if (pd.cmd == cmd) pd.cmd = nullptr;
             }
         }
-        pump();
+        // Handed over (and freed) by pump() once the line is done with, not here.
     }
 
     void pump() {
@@ -1229,6 +1240,7 @@ struct LogReader::Impl {
     }
 
     void expire() {
+        pump();
         while (!queue.empty() && !queue.front()->done) {
             Cmd* head = queue.front().get();
             bool stale = head->has_time && now_ms - head->last_ms > kStaleMs;
@@ -1237,6 +1249,7 @@ struct LogReader::Impl {
                               head->has_time && now_ms - head->last_ms > kTimerGraceMs);
             if (!stale && queue.size() <= kMaxHeld) break;
             force(head);
+            pump();
         }
     }
 
