@@ -876,6 +876,29 @@ TEST(LogReader, bad_input_is_skipped_or_named) {
     for (const std::string& p : {fifo, cut_zip, bad_zip, no_report}) unlink(p.c_str());
 }
 
+// A live send read as it logs, through the stand-in's hook: the same reader, the same account.
+TEST(LogReader, lines_handed_over_in_the_process) {
+    std::string unused = temp_path("live.log");
+    std::vector<Sent> sent = run_in_child(unused, 0, nullptr, [] {
+        std::vector<LoggedCommand> got;
+        LogReader reader([&](const LoggedCommand& c) { got.push_back(c); });
+        tolven_utils_host::set_line_hook([&](const tolven_utils_host::LineRecord& r) {
+            int64_t ms = static_cast<int64_t>(r.time.tv_sec) * 1000 + r.time.tv_nsec / 1000000;
+            reader.feed_message(r.pid, r.tid, ms, r.level == 1 ? 'E' : 'D', r.text);
+        });
+        std::vector<Step> steps = every_path();
+        steps.resize(11);
+        std::vector<Sent> sent = run_steps(steps);
+        usleep(300 * 1000);  // the last wait timer ends
+        tolven_utils_host::set_line_hook(nullptr);
+        reader.finish();
+        expect_all_match(got, sent, "live");
+        return sent;
+    });
+    EXPECT_EQ(sent.size(), 11u);
+    unlink(unused.c_str());
+}
+
 // Memory follows the commands in flight: a long log keeps only a few of them at a time.
 TEST(LogReader, holds_only_the_commands_in_flight) {
     make_every_path_log();
