@@ -1,14 +1,14 @@
 # What `cmake --install` puts under the prefix: libtolven_diag and its header, the host stand-ins
 # (which play the platform libraries on a host), tolven-diag with its documentation and bash
 # completion, and the CMake and pkg-config packages. Every RUNPATH is relative to the installed
-# file, so that a prefix can be moved as a whole; the stand-ins also keep the folder of Debian's
-# Android libraries.
+# file, so that a prefix can be moved as a whole; the stand-ins and the tool (which reads
+# bugreport zips with libziparchive) also keep the folder of Debian's Android libraries.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 file(RELATIVE_PATH _bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set_target_properties(tolven_diag diag tolven_utils properties PROPERTIES INSTALL_RPATH "$ORIGIN")
-set_target_properties(tolven_utils properties PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
+set_target_properties(tolven_utils properties tolven-diag PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
 set_target_properties(tolven-diag PROPERTIES INSTALL_RPATH "$ORIGIN/${_bin_to_lib}")
 
 install(TARGETS tolven_diag diag tolven_utils properties LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})

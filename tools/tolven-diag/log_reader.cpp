@@ -430,8 +430,9 @@ struct LogReader::Impl {
                                 p.lock_holder->torn_down);
                     });
                 } else if (fn == Fn::kRegister && p.worker_holder != nullptr &&
-                           !p.worker_holder->c.sent && p.worker_holder->has_send_ms == false &&
+                           !p.worker_holder->has_send_ms &&
                            (p.lock_holder == nullptr || p.lock_holder->has_send_ms)) {
+                    // A callback worker registers between its lock and its send.
                     cmd = p.worker_holder;
                 } else {
                     cmd = current_caller(p);
