@@ -309,6 +309,7 @@ Child start_child(const std::string& path, int instance, const char* name, Body 
     if (c.pid == 0) {
         log_to(path, instance, name);
         std::vector<Sent> sent = body();
+        usleep(300 * 1000);  // the last wait timer ends, as in a process that lives on
         std::ofstream out(c.sent_path);
         for (const Sent& x : sent) {
             out << int(x.kind) << ' ' << int(x.mode) << ' ' << x.timeout_ms << ' ' << x.capacity
@@ -919,5 +920,6 @@ TEST(LogReader, holds_only_the_commands_in_flight) {
     }
     reader.finish();
     EXPECT_EQ(handed, 200 * g_every_path_sent.size());
-    EXPECT_LE(most, 2u);
+    // Timers still running hold a few commands back; never a copy's worth, however many copies.
+    EXPECT_LT(most, g_every_path_sent.size());
 }

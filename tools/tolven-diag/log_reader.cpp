@@ -58,72 +58,45 @@ enum class Fn {
     kWorkerStream,
 };
 
-Fn fn_of(string_view f) {
-    static const std::unordered_map<string_view, Fn> kFns = {
-            {"tolven_diag_cmd_send_with_result_by_dci_mode", Fn::kSyncDci},
-            {"tolven_diag_cmd_send_with_result_by_callback_mode", Fn::kSyncCallback},
-            {"tolven_diag_cmd_send_without_result_start_thread", Fn::kStart},
-            {"tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc", Fn::kWorkerDci},
+struct FnRole {
+    Fn fn;
+    Role role;
+};
+
+// The library's functions whose lines belong to a command, and what each is to the reader.
+FnRole fn_of(string_view f) {
+    static const std::unordered_map<string_view, FnRole> kFns = {
+            {"tolven_diag_cmd_send_with_result_by_dci_mode", {Fn::kSyncDci, Role::kSyncCaller}},
+            {"tolven_diag_cmd_send_with_result_by_callback_mode",
+             {Fn::kSyncCallback, Role::kSyncCaller}},
+            {"tolven_diag_cmd_send_without_result_start_thread", {Fn::kStart, Role::kNoWaitCaller}},
+            {"tolven_diag_cmd_send_without_result_by_dci_mode_thread_proc",
+             {Fn::kWorkerDci, Role::kWorker}},
             {"tolven_diag_cmd_send_without_result_by_callback_mode_thread_proc",
-             Fn::kWorkerCallback},
-            {"tolven_diag_cmd_send_with_result_wait_thread_proc", Fn::kTimer},
-            {"tolven_diag_cmd_send_with_result_wait_create_thread", Fn::kCreate},
-            {"tolven_diag_comand_input_check", Fn::kInput},
-            {"tolven_diag_comand_output_check", Fn::kOutput},
-            {"tolven_diag_init_with_result", Fn::kInit},
-            {"tolven_diag_deinit_with_result", Fn::kDeinit},
-            {"tolven_diag_register_callback", Fn::kRegister},
-            {"tolven_print_data_with_hex", Fn::kHex},
-            {"tolven_diag_cmd_response_check", Fn::kCheck},
-            {"tolven_diag_cmd_response_by_dci", Fn::kRspDci},
-            {"tolven_diag_cmd_response_by_callback", Fn::kRspCallback},
-            {"tolven_diag_cmd_response_by_dci_log_stream", Fn::kStream},
-            {"tolven_diag_cmd_response_by_dci_event_stream", Fn::kStream},
-            {"tolven_diag_cmd_response_by_dci_no_handle", Fn::kAnswerDci},
-            {"tolven_diag_cmd_response_by_callback_no_handle", Fn::kAnswerCallback},
-            {"tolven_diag_cmd_response_by_dci_log_stream_no_handle", Fn::kWorkerStream},
-            {"tolven_diag_cmd_response_by_dci_event_stream_no_handle", Fn::kWorkerStream},
+             {Fn::kWorkerCallback, Role::kWorker}},
+            {"tolven_diag_cmd_send_with_result_wait_thread_proc", {Fn::kTimer, Role::kTimer}},
+            {"tolven_diag_cmd_send_with_result_wait_create_thread", {Fn::kCreate, Role::kHelper}},
+            {"tolven_diag_comand_input_check", {Fn::kInput, Role::kHelper}},
+            {"tolven_diag_comand_output_check", {Fn::kOutput, Role::kHelper}},
+            {"tolven_diag_init_with_result", {Fn::kInit, Role::kHelper}},
+            {"tolven_diag_deinit_with_result", {Fn::kDeinit, Role::kHelper}},
+            {"tolven_diag_register_callback", {Fn::kRegister, Role::kHelper}},
+            {"tolven_print_data_with_hex", {Fn::kHex, Role::kHex}},
+            {"tolven_diag_cmd_response_check", {Fn::kCheck, Role::kHandler}},
+            {"tolven_diag_cmd_response_by_dci", {Fn::kRspDci, Role::kHandler}},
+            {"tolven_diag_cmd_response_by_callback", {Fn::kRspCallback, Role::kHandler}},
+            {"tolven_diag_cmd_response_by_dci_log_stream", {Fn::kStream, Role::kStream}},
+            {"tolven_diag_cmd_response_by_dci_event_stream", {Fn::kStream, Role::kStream}},
+            {"tolven_diag_cmd_response_by_dci_no_handle", {Fn::kAnswerDci, Role::kWorkerAnswer}},
+            {"tolven_diag_cmd_response_by_callback_no_handle",
+             {Fn::kAnswerCallback, Role::kWorkerAnswer}},
+            {"tolven_diag_cmd_response_by_dci_log_stream_no_handle",
+             {Fn::kWorkerStream, Role::kWorkerStream}},
+            {"tolven_diag_cmd_response_by_dci_event_stream_no_handle",
+             {Fn::kWorkerStream, Role::kWorkerStream}},
     };
     auto it = kFns.find(f);
-    return it == kFns.end() ? Fn::kOther : it->second;
-}
-
-Role role_of(Fn fn) {
-    switch (fn) {
-        case Fn::kSyncDci:
-        case Fn::kSyncCallback:
-            return Role::kSyncCaller;
-        case Fn::kStart:
-            return Role::kNoWaitCaller;
-        case Fn::kWorkerDci:
-        case Fn::kWorkerCallback:
-            return Role::kWorker;
-        case Fn::kTimer:
-            return Role::kTimer;
-        case Fn::kCreate:
-        case Fn::kInput:
-        case Fn::kOutput:
-        case Fn::kInit:
-        case Fn::kDeinit:
-        case Fn::kRegister:
-            return Role::kHelper;
-        case Fn::kHex:
-            return Role::kHex;
-        case Fn::kCheck:
-        case Fn::kRspDci:
-        case Fn::kRspCallback:
-            return Role::kHandler;
-        case Fn::kStream:
-            return Role::kStream;
-        case Fn::kAnswerDci:
-        case Fn::kAnswerCallback:
-            return Role::kWorkerAnswer;
-        case Fn::kWorkerStream:
-            return Role::kWorkerStream;
-        case Fn::kOther:
-            break;
-    }
-    return Role::kOther;
+    return it == kFns.end() ? FnRole{Fn::kOther, Role::kOther} : it->second;
 }
 
 bool starts(string_view s, string_view prefix) {
@@ -292,19 +265,9 @@ const char* command_kind_name(CommandKind kind) {
 }
 
 const char* logged_outcome_name(LoggedOutcome outcome) {
-    switch (outcome) {
-        case LoggedOutcome::kOk:
-            return "ok";
-        case LoggedOutcome::kRefused:
-            return "refused";
-        case LoggedOutcome::kDiagError:
-            return "diag error";
-        case LoggedOutcome::kTimedOut:
-            return "timed out";
-        case LoggedOutcome::kUnknown:
-            break;
-    }
-    return "unknown";
+    // In the order of LoggedOutcome; the names a live send's outcomes have.
+    static constexpr const char* kNames[] = {"ok", "refused", "diag error", "timed out", "unknown"};
+    return kNames[static_cast<int>(outcome)];
 }
 
 struct LogReader::Impl {
@@ -337,8 +300,7 @@ struct LogReader::Impl {
         ++sum.trace_lines;
         if (t.has_time && t.time_ms > now_ms) now_ms = t.time_ms;
         Proc& p = proc_of(t);
-        Fn fn = fn_of(t.func);
-        Role role = role_of(fn);
+        const auto [fn, role] = fn_of(t.func);
         if (role == Role::kOther) return expire();
         Cmd* cmd = route(p, t, fn, role);
         if (cmd != nullptr) {
@@ -442,12 +404,8 @@ struct LogReader::Impl {
                 return pending_owner(p, t);
             case Role::kTimer:
                 if (is_entry(m)) {
-                    cmd = oldest(p, [](Cmd* c) { return c->timer_expected && !c->timer_bound; });
-                    if (cmd != nullptr) {
-                        cmd->timer_bound = true;
-                        cmd->timer_tid = t.tid;
-                        if (tids) p.by_tid[t.tid] = cmd;
-                    }
+                    cmd = bind_thread(p, t.tid, &Cmd::timer_expected, &Cmd::timer_bound,
+                                      &Cmd::timer_tid);
                 } else if (tids) {
                     cmd = bound(p, t.tid);
                 } else {
@@ -462,12 +420,8 @@ struct LogReader::Impl {
                 break;
             case Role::kWorker:
                 if (is_entry(m)) {
-                    cmd = oldest(p, [](Cmd* c) { return c->worker_expected && !c->worker_bound; });
-                    if (cmd != nullptr) {
-                        cmd->worker_bound = true;
-                        cmd->worker_tid = t.tid;
-                        if (tids) p.by_tid[t.tid] = cmd;
-                    }
+                    cmd = bind_thread(p, t.tid, &Cmd::worker_expected, &Cmd::worker_bound,
+                                      &Cmd::worker_tid);
                 } else if (tids) {
                     cmd = bound(p, t.tid);
                 } else if (starts(m, "data_len = ") || m == "param is null") {
@@ -492,6 +446,18 @@ struct LogReader::Impl {
         if (cmd == nullptr && !p.seen_entry && role != Role::kHandler && role != Role::kStream &&
             role != Role::kWorkerStream && role != Role::kHex) {
             cmd = begin_partial(p, t, fn, role);
+        }
+        return cmd;
+    }
+
+    // A new timer or worker thread: the oldest command of its process that started one and has
+    // none yet.
+    Cmd* bind_thread(Proc& p, int tid, bool Cmd::*expected, bool Cmd::*bound, int Cmd::*tid_of) {
+        Cmd* cmd = oldest(p, [&](Cmd* c) { return c->*expected && !(c->*bound); });
+        if (cmd != nullptr) {
+            cmd->*bound = true;
+            cmd->*tid_of = tid;
+            if (tid >= 0) p.by_tid[tid] = cmd;
         }
         return cmd;
     }
