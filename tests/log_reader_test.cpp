@@ -403,135 +403,6 @@ TEST(LogReader, every_path_field_by_field) {
     EXPECT_GE(got[4].elapsed_ms, 300);
 }
 
-// Fire-and-forget sends in both modes, and one refused, while another thread sends synchronously:
-// a worker's lines go to its command by its own thread, its answers by the worker in flight.
-TEST(LogReader, workers_beside_sync_sends_of_another_thread) {
-    std::string path = temp_path("workers.log");
-    std::vector<Sent> sent = run_in_child(path, 255, "vendor.radio.worker", [] {
-        std::vector<Sent> sync, no_wait;
-        std::thread other([&] {
-            for (int i = 0; i < 4; ++i)
-                sync.push_back(send_sync(Mode::kDci, kBuildId, 3000, 16384));
-        });
-        no_wait.push_back(send_no_wait(Mode::kDci, kDiagVersion, 3));
-        no_wait.push_back(send_no_wait(Mode::kCallback, kVersion, 55));
-        no_wait.push_back(send_no_wait(Mode::kDci, {}, -1));
-        other.join();
-        wait_for_workers();
-        sync.insert(sync.end(), no_wait.begin(), no_wait.end());
-        return sync;
-    });
-    std::vector<LoggedCommand> got = read_commands(path);
-    // Every answer a worker logged went to its command.
-    std::string log = read_file(path);
-    size_t answers = 0;
-    for (size_t at = 0; (at = log.find("_no_handle: len = ", at)) != std::string::npos; ++at) {
-        ++answers;
-    }
-    size_t attributed = 0;
-    for (const LoggedCommand& c : got) attributed += c.answer_lens.size();
-    EXPECT_EQ(attributed, answers);
-    EXPECT_GT(answers, 0u);
-    unlink(path.c_str());
-    ASSERT_EQ(sent.size(), 7u);
-    ASSERT_EQ(got.size(), 7u);
-    std::vector<LoggedCommand> sync, no_wait;
-    for (const LoggedCommand& c : got) {
-        (c.kind == CommandKind::kSync ? sync : no_wait).push_back(c);
-        EXPECT_EQ(c.process, "vendor.radio.worker");
-        EXPECT_EQ(c.instance, -1);
-    }
-    ASSERT_EQ(sync.size(), 4u);
-    for (size_t i = 0; i < sync.size(); ++i) {
-        expect_matches(sync[i], sent[i], "sync");
-        EXPECT_EQ(sync[i].tid, sync[0].tid);
-    }
-    ASSERT_EQ(no_wait.size(), 3u);
-    for (size_t i = 0; i < no_wait.size(); ++i) {
-        expect_matches(no_wait[i], sent[4 + i], "no-wait");
-        EXPECT_NE(no_wait[i].tid, sync[0].tid);
-    }
-    EXPECT_TRUE(no_wait[0].sent && no_wait[1].sent);
-    EXPECT_GE(no_wait[0].elapsed_ms, 1000);  // the worker ends its command after its second
-}
-
-std::string logcat_now(int pid, int tid, char level, const std::string& tag,
-                       const std::string& message) {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local;
-    localtime_r(&now.tv_sec, &local);
-    char head[96];
-    snprintf(head, sizeof head, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5d %c %-8s: ", local.tm_mon + 1,
-             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec / 1000000, pid,
-             tid, level, tag.c_str());
-    return head + message + "\n";
-}
-
-// Two subscription instances and a named process at once, their lines merged in one log by time
-// as logcat merges them, with other processes' lines between (some of them in the library's own
-// form, from functions it does not have).
-TEST(LogReader, three_processes_in_one_log) {
-    std::string path = temp_path("three.log");
-    std::vector<Step> all = every_path();
-    std::vector<Step> first(all.begin(), all.begin() + 8), second(all.begin() + 5, all.end());
-    std::vector<Child> children = {
-            start_child(path, 0, nullptr, [&] { return run_steps(first); }),
-            start_child(path, 1, nullptr, [&] { return run_steps(second); }),
-            start_child(path, 255, "vendor.radio.probe",
-                        [] {
-                            std::vector<Sent> sent;
-                            for (int i = 0; i < 6; ++i) {
-                                sent.push_back(send_sync(i % 2 ? Mode::kCallback : Mode::kDci,
-                                                         pattern_request(5 + 900 * i), 1000, 16384));
-                            }
-                            sent.push_back(send_no_wait(Mode::kDci, kDiagVersion, 3));
-                            wait_for_workers();
-                            return sent;
-                        }),
-    };
-    std::atomic<bool> stop{false};
-    std::thread noise([&] {
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        const char* messages[] = {"Start proc 4242:com.example/u0a42 for service",
-                                  "[0042]> SETUP_DATA_CALL", "[qcril][ril.c:12] other_fn: len = 3",
-                                  "SUB[0][x.cpp:1] not_ours: req end, data_size = 9"};
-        for (int i = 0; !stop.load(); ++i) {
-            std::string line = logcat_now(900 + i % 3, 901, "IDWE"[i % 4], "RILJ", messages[i % 4]);
-            ssize_t n = write(fd, line.data(), line.size());
-            (void)n;
-            usleep(3000);
-        }
-        close(fd);
-    });
-    std::vector<std::vector<Sent>> sent;
-    for (const Child& c : children) sent.push_back(collect(c));
-    stop = true;
-    noise.join();
-    LogSummary summary;
-    std::vector<LoggedCommand> got = read_commands(path, nullptr, &summary);
-    unlink(path.c_str());
-    std::map<std::string, std::vector<LoggedCommand>> by_process;
-    for (const LoggedCommand& c : got) {
-        by_process[c.instance >= 0 ? "SUB" + std::to_string(c.instance) : c.process].push_back(c);
-    }
-    ASSERT_EQ(by_process.size(), 3u);
-    const char* keys[] = {"SUB0", "SUB1", "vendor.radio.probe"};
-    for (size_t i = 0; i < 3; ++i) {
-        const std::vector<LoggedCommand>& cmds = by_process[keys[i]];
-        ASSERT_EQ(cmds.size(), sent[i].size()) << keys[i];
-        for (size_t k = 0; k < cmds.size(); ++k) {
-            expect_matches(cmds[k], sent[i][k], keys[i]);
-            EXPECT_EQ(cmds[k].pid, children[i].pid);
-        }
-    }
-    // Started in order, handed over in that order.
-    for (size_t i = 1; i < got.size(); ++i) EXPECT_EQ(got[i].seq, got[i - 1].seq + 1);
-    EXPECT_EQ(summary.commands, got.size());
-    EXPECT_EQ(summary.per_process.size(), 3u);
-    EXPECT_TRUE(summary.has_latency);
-}
-
 // ---- The same log in every form ----
 
 struct Fields {
@@ -662,6 +533,150 @@ void expect_same(const LoggedCommand& a, const LoggedCommand& b, const Form& for
     EXPECT_EQ(a.tid, form.tid ? b.tid : -1);
     EXPECT_EQ(a.elapsed_ms, form.fine_time ? b.elapsed_ms : -1);
     EXPECT_EQ(a.start.empty(), !form.time);
+}
+
+// Fire-and-forget sends in both modes, and one refused, while another thread sends synchronously:
+// a worker's lines go to its command by its own thread, its answers by the worker in flight.
+TEST(LogReader, workers_beside_sync_sends_of_another_thread) {
+    std::string path = temp_path("workers.log");
+    std::vector<Sent> sent = run_in_child(path, 255, "vendor.radio.worker", [] {
+        std::vector<Sent> sync, no_wait;
+        std::thread other([&] {
+            for (int i = 0; i < 4; ++i)
+                sync.push_back(send_sync(Mode::kDci, kBuildId, 3000, 16384));
+        });
+        no_wait.push_back(send_no_wait(Mode::kDci, kDiagVersion, 3));
+        no_wait.push_back(send_no_wait(Mode::kCallback, kVersion, 55));
+        no_wait.push_back(send_no_wait(Mode::kDci, {}, -1));
+        other.join();
+        wait_for_workers();
+        sync.insert(sync.end(), no_wait.begin(), no_wait.end());
+        return sync;
+    });
+    std::vector<LoggedCommand> got = read_commands(path);
+    // Every answer a worker logged went to its command.
+    std::string log = read_file(path);
+    size_t answers = 0;
+    for (size_t at = 0; (at = log.find("_no_handle: len = ", at)) != std::string::npos; ++at) {
+        ++answers;
+    }
+    size_t attributed = 0;
+    for (const LoggedCommand& c : got) attributed += c.answer_lens.size();
+    EXPECT_EQ(attributed, answers);
+    EXPECT_GT(answers, 0u);
+    std::string log_text = read_file(path);
+    unlink(path.c_str());
+    ASSERT_EQ(sent.size(), 7u);
+    ASSERT_EQ(got.size(), 7u);
+    std::vector<LoggedCommand> sync, no_wait;
+    for (const LoggedCommand& c : got) {
+        (c.kind == CommandKind::kSync ? sync : no_wait).push_back(c);
+        EXPECT_EQ(c.process, "vendor.radio.worker");
+        EXPECT_EQ(c.instance, -1);
+    }
+    ASSERT_EQ(sync.size(), 4u);
+    for (size_t i = 0; i < sync.size(); ++i) {
+        expect_matches(sync[i], sent[i], "sync");
+        EXPECT_EQ(sync[i].tid, sync[0].tid);
+    }
+    ASSERT_EQ(no_wait.size(), 3u);
+    for (size_t i = 0; i < no_wait.size(); ++i) {
+        expect_matches(no_wait[i], sent[4 + i], "no-wait");
+        EXPECT_NE(no_wait[i].tid, sync[0].tid);
+    }
+    EXPECT_TRUE(no_wait[0].sent && no_wait[1].sent);
+    EXPECT_GE(no_wait[0].elapsed_ms, 1000);  // the worker ends its command after its second
+    // Without thread ids the lines go by their order in the process, to the same commands.
+    for (const Form& form : kForms) {
+        std::vector<LoggedCommand> again = read_text(convert_log(log_text, form.convert));
+        ASSERT_EQ(again.size(), got.size()) << form.name;
+        for (size_t i = 0; i < got.size(); ++i) expect_same(again[i], got[i], form);
+    }
+}
+
+std::string logcat_now(int pid, int tid, char level, const std::string& tag,
+                       const std::string& message) {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local;
+    localtime_r(&now.tv_sec, &local);
+    char head[96];
+    snprintf(head, sizeof head, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5d %c %-8s: ", local.tm_mon + 1,
+             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec / 1000000, pid,
+             tid, level, tag.c_str());
+    return head + message + "\n";
+}
+
+// Two subscription instances and a named process at once, their lines merged in one log by time
+// as logcat merges them, with other processes' lines between (some of them in the library's own
+// form, from functions it does not have).
+TEST(LogReader, three_processes_in_one_log) {
+    std::string path = temp_path("three.log");
+    std::vector<Step> all = every_path();
+    std::vector<Step> first(all.begin(), all.begin() + 8), second(all.begin() + 5, all.end());
+    std::vector<Child> children = {
+            start_child(path, 0, nullptr, [&] { return run_steps(first); }),
+            start_child(path, 1, nullptr, [&] { return run_steps(second); }),
+            start_child(path, 255, "vendor.radio.probe",
+                        [] {
+                            std::vector<Sent> sent;
+                            for (int i = 0; i < 6; ++i) {
+                                sent.push_back(send_sync(i % 2 ? Mode::kCallback : Mode::kDci,
+                                                         pattern_request(5 + 900 * i), 1000, 16384));
+                            }
+                            sent.push_back(send_no_wait(Mode::kDci, kDiagVersion, 3));
+                            wait_for_workers();
+                            return sent;
+                        }),
+    };
+    std::atomic<bool> stop{false};
+    std::thread noise([&] {
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        const char* messages[] = {"Start proc 4242:com.example/u0a42 for service",
+                                  "[0042]> SETUP_DATA_CALL", "[qcril][ril.c:12] other_fn: len = 3",
+                                  "SUB[0][x.cpp:1] not_ours: req end, data_size = 9"};
+        for (int i = 0; !stop.load(); ++i) {
+            std::string line = logcat_now(900 + i % 3, 901, "IDWE"[i % 4], "RILJ", messages[i % 4]);
+            ssize_t n = write(fd, line.data(), line.size());
+            (void)n;
+            usleep(3000);
+        }
+        close(fd);
+    });
+    std::vector<std::vector<Sent>> sent;
+    for (const Child& c : children) sent.push_back(collect(c));
+    stop = true;
+    noise.join();
+    LogSummary summary;
+    std::vector<LoggedCommand> got = read_commands(path, nullptr, &summary);
+    std::string log_text = read_file(path);
+    unlink(path.c_str());
+    // In every form that keeps the pid, the processes' lines stay apart.
+    for (const Form& form : kForms) {
+        if (!form.pid) continue;
+        std::vector<LoggedCommand> again = read_text(convert_log(log_text, form.convert));
+        ASSERT_EQ(again.size(), got.size()) << form.name;
+        for (size_t i = 0; i < got.size(); ++i) expect_same(again[i], got[i], form);
+    }
+    std::map<std::string, std::vector<LoggedCommand>> by_process;
+    for (const LoggedCommand& c : got) {
+        by_process[c.instance >= 0 ? "SUB" + std::to_string(c.instance) : c.process].push_back(c);
+    }
+    ASSERT_EQ(by_process.size(), 3u);
+    const char* keys[] = {"SUB0", "SUB1", "vendor.radio.probe"};
+    for (size_t i = 0; i < 3; ++i) {
+        const std::vector<LoggedCommand>& cmds = by_process[keys[i]];
+        ASSERT_EQ(cmds.size(), sent[i].size()) << keys[i];
+        for (size_t k = 0; k < cmds.size(); ++k) {
+            expect_matches(cmds[k], sent[i][k], keys[i]);
+            EXPECT_EQ(cmds[k].pid, children[i].pid);
+        }
+    }
+    // Started in order, handed over in that order.
+    for (size_t i = 1; i < got.size(); ++i) EXPECT_EQ(got[i].seq, got[i - 1].seq + 1);
+    EXPECT_EQ(summary.commands, got.size());
+    EXPECT_EQ(summary.per_process.size(), 3u);
+    EXPECT_TRUE(summary.has_latency);
 }
 
 TEST(LogReader, every_form_of_the_same_log) {

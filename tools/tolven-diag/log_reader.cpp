@@ -426,6 +426,10 @@ struct LogReader::Impl {
                     cmd = bound(p, t.tid);
                 } else if (starts(m, "data_len = ") || m == "param is null") {
                     cmd = oldest(p, [](Cmd* c) { return c->worker_bound && !c->worker_locked; });
+                } else if (m == "will sleep 3s before quit") {
+                    // Workers leave the lock in the order they took it; the next may take it
+                    // before this line.
+                    cmd = oldest(p, [](Cmd* c) { return c->worker_locked && !c->worker_unlocked; });
                 } else if (is_exit(m)) {
                     cmd = oldest(p, [](Cmd* c) { return c->worker_unlocked && !c->worker_exited; });
                 } else {
