@@ -1,5 +1,6 @@
 #include "log_reader.h"
 
+#include <limits.h>
 #include <string.h>
 
 #include <algorithm>
@@ -125,6 +126,12 @@ int int_after(string_view s, string_view key, int fallback = -1) {
     return static_cast<int>(v);
 }
 
+// Lengths of a damaged log may add up past an int.
+int add_lengths(int a, int b) {
+    long long sum = static_cast<long long>(a) + b;
+    return sum > INT_MAX ? INT_MAX : sum < INT_MIN ? INT_MIN : static_cast<int>(sum);
+}
+
 int hex_digit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
@@ -163,13 +170,14 @@ std::string value_meaning(const std::string& call, long long value) {
     if (call == "diag_callback_send_data") return "libdiag did not take the packet";
     if (call == "malloc") return "out of memory";
     if (call == "pthread_create") return "the thread could not be started";
+    // The host libdiag's codes; a phone's libdiag has its own.
     switch (value) {
         case 1002:
-            return "refused (the host libdiag's generic failure)";
+            return "refused (on a host: the simulated modem's generic failure)";
         case 1003:
-            return "no connection: Diag_LSM_Init had not succeeded";
+            return "no connection: Diag_LSM_Init had not succeeded (on a host)";
         case 1004:
-            return "unknown client";
+            return "unknown client (on a host)";
     }
     return "a failure code of libdiag (1001 is success)";
 }
@@ -250,12 +258,6 @@ struct Proc {
     std::unordered_map<int, ThreadCtx> ctx;
     Store store;
     bool seen_entry = false;
-
-    std::string label() const {
-        std::string name = instance >= 0 ? "SUB[" + std::to_string(instance) + "]" : process;
-        if (name.empty()) name = "?";
-        return pid >= 0 ? name + " (pid " + std::to_string(pid) + ")" : name;
-    }
 };
 
 }  // namespace
@@ -832,7 +834,9 @@ struct LogReader::Impl {
                       false);
         } else if (starts(m, "Dci Command time = ") || starts(m, "Command time = ")) {
             cmd->c.ticks = int_after(m, "time = ");
-            cmd->c.timeout_ms = std::max(cmd->c.ticks, 1) * kTickMs;
+            // More ticks than an int of milliseconds holds come only from a damaged line.
+            cmd->c.timeout_ms =
+                    cmd->c.ticks > INT_MAX / kTickMs ? -1 : std::max(cmd->c.ticks, 1) * kTickMs;
             cmd->timer_expected = !cmd->timer_failed;
         } else if (m == "Time out is invalid, set default") {
             cmd->c.notes.push_back(
@@ -1024,7 +1028,7 @@ struct LogReader::Impl {
         Store& s = p.store;
         const uint64_t seq = cmd != nullptr && !cmd->req_end ? cmd->c.seq : 0;
         if (dci && s.known && s.has_data) {
-            s.length += size;
+            s.length = add_lengths(s.length, size);
             s.bytes_known = s.bytes_known && known;
             if (s.bytes_known) s.bytes.insert(s.bytes.end(), bytes.begin(), bytes.end());
         } else if (dci && !s.known) {
@@ -1044,7 +1048,7 @@ struct LogReader::Impl {
         // What this command got, whole, for an answers file.
         LoggedCommand& c = cmd->c;
         if (dci && cmd->pieces > 0) {
-            c.response_len += size;
+            c.response_len = add_lengths(c.response_len, size);
             c.response_known = c.response_known && known;
             if (c.response_known) c.response.insert(c.response.end(), bytes.begin(), bytes.end());
         } else {
@@ -1229,7 +1233,7 @@ struct LogReader::Impl {
         (c.kind == CommandKind::kSync ? sum.sync : sum.no_wait)++;
         sum.outcomes[static_cast<int>(c.outcome)]++;
         std::string name = c.instance >= 0 ? "SUB[" + std::to_string(c.instance) + "]" : c.process;
-        if (name.empty()) name = "?";
+        if (name.empty()) name = "?";  // the shell sink names no process
         if (c.pid >= 0) name += " (pid " + std::to_string(c.pid) + ")";
         sum.per_process[name]++;
         if (c.kind == CommandKind::kSync && c.outcome == LoggedOutcome::kOk && c.elapsed_ms >= 0) {
