@@ -823,7 +823,7 @@ TEST(LogReader, answers_replay_on_the_simulator) {
     // One request, answered differently: the last answer is kept, and a comment says so.
     field[1].request = field[0].request;
     text = answers_file_text({field[0], field[1]}, "log");
-    EXPECT_NE(text.find("2 different answers in the log (commands #1 #2); the last is kept"),
+    EXPECT_NE(text.find("different answers in the log (commands #1 #2); the last is kept"),
               std::string::npos);
     EXPECT_EQ(diag_wire::parse_answers(text, "a").lines.size(), 1u);
 }
@@ -907,15 +907,17 @@ TEST(LogReader, lines_handed_over_in_the_process) {
     std::vector<Sent> sent = run_in_child(unused, 0, nullptr, [] {
         std::vector<LoggedCommand> got;
         LogReader reader([&](const LoggedCommand& c) { got.push_back(c); });
-        tolven_utils_host::set_line_hook([&](const tolven_utils_host::LineRecord& r) {
-            int64_t ms = static_cast<int64_t>(r.time.tv_sec) * 1000 + r.time.tv_nsec / 1000000;
-            reader.feed_message(r.pid, r.tid, ms, r.level == 1 ? 'E' : 'D', r.text);
-        });
+        tolven_utils_host_set_line_hook(
+                [](const tolven_utils_line* l, void* r) {
+                    static_cast<LogReader*>(r)->feed_message(l->pid, l->tid, l->time_ms,
+                                                             l->level == 1 ? 'E' : 'D', l->text);
+                },
+                &reader);
         std::vector<Step> steps = every_path();
         steps.resize(11);
         std::vector<Sent> sent = run_steps(steps);
         usleep(300 * 1000);  // the last wait timer ends
-        tolven_utils_host::set_line_hook(nullptr);
+        tolven_utils_host_set_line_hook(nullptr, nullptr);
         reader.finish();
         expect_all_match(got, sent, "live");
         return sent;

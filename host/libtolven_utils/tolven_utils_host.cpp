@@ -55,7 +55,8 @@ struct Tee {
     std::mutex lock;
     int fd = -1;
     std::string path;
-    tolven_utils_host::LineHook hook;
+    tolven_utils_line_hook hook = nullptr;
+    void* context = nullptr;
 };
 Tee& g_tee = *new Tee;
 
@@ -150,12 +151,12 @@ bool capture_line(int level, const char* text) {
 // One write per line: with O_APPEND, lines of several processes never mix.
 void tee_line(int level, const char* text) {
     std::lock_guard<std::mutex> lock(g_tee.lock);
-    if (g_tee.fd < 0 && !g_tee.hook) return;
+    if (g_tee.fd < 0 && g_tee.hook == nullptr) return;
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    tolven_utils_host::LineRecord record{level, getpid(), static_cast<int>(syscall(SYS_gettid)),
-                                         now, text};
-    if (g_tee.hook) g_tee.hook(record);
+    tolven_utils_line record{level, getpid(), static_cast<int>(syscall(SYS_gettid)),
+                             now.tv_sec * 1000LL + now.tv_nsec / 1000000, text};
+    if (g_tee.hook != nullptr) g_tee.hook(&record, g_tee.context);
     if (g_tee.fd < 0) return;
     tm local;
     localtime_r(&now.tv_sec, &local);
@@ -252,6 +253,13 @@ EXPORT void tolven_utils_host_reload_env(void) {
     load_env();
 }
 
+EXPORT void tolven_utils_host_set_line_hook(tolven_utils_line_hook hook, void* context) {
+    ensure_init();
+    std::lock_guard<std::mutex> lock(g_tee.lock);
+    g_tee.hook = hook;
+    g_tee.context = context;
+}
+
 namespace tolven_utils_host {
 
 void start_capture(bool quiet) {
@@ -268,12 +276,6 @@ void stop_capture() {
 std::vector<Line> captured() {
     std::lock_guard<std::mutex> lock(g_capture.lock);
     return g_capture.lines;
-}
-
-void set_line_hook(LineHook hook) {
-    ensure_init();
-    std::lock_guard<std::mutex> lock(g_tee.lock);
-    g_tee.hook = std::move(hook);
 }
 
 bool wait_for_line(const std::string& part, std::chrono::milliseconds limit) {

@@ -145,10 +145,31 @@ class LogReader {
 // then has what came before the problem, not finished.
 bool read_log(const std::string& path, LogReader* reader, std::string* error);
 
-// An answers file for the simulated modem (LIBDIAG_SIM_ANSWERS) from |commands|: what the
-// modem answered each request, "REQUEST -> REPLY @ MS", or "REQUEST -> none" for one never
+// An answers file for the simulated modem (LIBDIAG_SIM_ANSWERS) from the commands of a log: what
+// the modem answered each request, "REQUEST -> REPLY @ MS", or "REQUEST -> none" for one never
 // answered; where a request got several answers, a comment says so and the last is kept. Where
-// the log lacks an answer's bytes, a comment says so instead. |source| names the log.
+// the log lacks an answer's bytes, a comment says so instead. It keeps one answer per request,
+// not the commands, so that it can take them as the reader hands them over.
+class AnswersFile {
+  public:
+    void add(const LoggedCommand& c);
+    // The file's text; |source| names the log in its first comment.
+    std::string text(const std::string& source) const;
+
+  private:
+    struct Entry {
+        std::string request;
+        std::string answer;   // the last one
+        std::string comment;  // the last command's, when it has one
+        std::vector<uint64_t> seqs;
+        bool differ = false;
+    };
+    std::vector<Entry> entries_;  // by first appearance
+    std::map<std::string, size_t> index_;
+    std::string unknown_;  // comments on answers the log has no bytes of
+};
+
+// The same for commands at hand.
 std::string answers_file_text(const std::vector<LoggedCommand>& commands, const std::string& source);
 
 }  // namespace tolven_diag_tool

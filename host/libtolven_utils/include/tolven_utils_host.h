@@ -25,13 +25,24 @@ void tolven_utils_host_set_process_name(const char* name);
 // Reads the environment variables again.
 void tolven_utils_host_reload_env(void);
 
+// One system-log line as it is written, for a reader in the same process.
+struct tolven_utils_line {
+    int level;  // 4 debug, 1 error
+    int pid;
+    int tid;
+    long long time_ms;  // wall clock, milliseconds since the epoch
+    const char* text;   // as the library wrote it, with its prefix
+};
+typedef void (*tolven_utils_line_hook)(const struct tolven_utils_line* line, void* context);
+// Hands every system-log line from now on to |hook| with |context|, one at a time, whatever the
+// capture and liblog do with it; NULL removes it. The hook must not log. A tool finds this with
+// dlsym, so that it builds for a device, whose utility library has no such call.
+void tolven_utils_host_set_line_hook(tolven_utils_line_hook hook, void* context);
+
 #ifdef __cplusplus
 }
 
-#include <time.h>
-
 #include <chrono>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -47,18 +58,6 @@ struct Line {
 __attribute__((visibility("default"))) void start_capture(bool quiet = true);
 __attribute__((visibility("default"))) void stop_capture();
 __attribute__((visibility("default"))) std::vector<Line> captured();
-// One system-log line as it is written, for a reader in the same process.
-struct LineRecord {
-    int level;  // 4 debug, 1 error
-    int pid;
-    int tid;
-    timespec time;  // CLOCK_REALTIME
-    const char* text;
-};
-using LineHook = std::function<void(const LineRecord&)>;
-// Hands every system-log line from now on to |hook|, one at a time, whatever the capture and
-// liblog do with it; an empty hook removes it. The hook must not log.
-__attribute__((visibility("default"))) void set_line_hook(LineHook hook);
 // Waits until a captured line contains |part|; false on |limit|.
 __attribute__((visibility("default"))) bool wait_for_line(const std::string& part,
                                                           std::chrono::milliseconds limit);
