@@ -586,8 +586,11 @@ TEST(LogReader, workers_beside_sync_sends_of_another_thread) {
     }
     EXPECT_TRUE(no_wait[0].sent && no_wait[1].sent);
     EXPECT_GE(no_wait[0].elapsed_ms, 1000);  // the worker ends its command after its second
-    // Without thread ids the lines go by their order in the process, to the same commands.
+    // Every form with thread ids gives the same commands. Without them lines go by their order
+    // in the process, which cannot keep apart callers of two threads that run at once (their
+    // input checks interleave), so those forms are held to the logs of one caller at a time.
     for (const Form& form : kForms) {
+        if (!form.tid) continue;
         std::vector<LoggedCommand> again = read_text(convert_log(log_text, form.convert));
         ASSERT_EQ(again.size(), got.size()) << form.name;
         for (size_t i = 0; i < got.size(); ++i) expect_same(again[i], got[i], form);

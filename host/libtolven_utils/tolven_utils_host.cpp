@@ -59,6 +59,8 @@ struct Tee {
     void* context = nullptr;
 };
 Tee& g_tee = *new Tee;
+// A hook wants every line, whatever levels the switches let through to the system log.
+std::atomic<bool> g_hooked{false};
 
 // The levels the library logs at.
 constexpr unsigned kKnownLevels = (1u << 1) | (1u << 4);
@@ -148,8 +150,9 @@ bool capture_line(int level, const char* text) {
     return g_capture.quiet;
 }
 
-// One write per line: with O_APPEND, lines of several processes never mix.
-void tee_line(int level, const char* text) {
+// One write per line: with O_APPEND, lines of several processes never mix. The file gets the
+// lines of the levels switched on, as the system log does.
+void tee_line(int level, const char* text, bool logged) {
     std::lock_guard<std::mutex> lock(g_tee.lock);
     if (g_tee.fd < 0 && g_tee.hook == nullptr) return;
     timespec now;
@@ -157,7 +160,7 @@ void tee_line(int level, const char* text) {
     tolven_utils_line record{level, getpid(), static_cast<int>(syscall(SYS_gettid)),
                              now.tv_sec * 1000LL + now.tv_nsec / 1000000, text};
     if (g_tee.hook != nullptr) g_tee.hook(&record, g_tee.context);
-    if (g_tee.fd < 0) return;
+    if (g_tee.fd < 0 || !logged) return;
     tm local;
     localtime_r(&now.tv_sec, &local);
     char head[64];
@@ -187,14 +190,18 @@ void write_line(int level, int priority, const char* fmt, va_list ap) {
         vsnprintf(big.data(), big.size(), fmt, ap);
         text = big.c_str();
     }
-    tee_line(level, text);
-    if (!capture_line(level, text)) __android_log_write(priority, TOLVEN_UTILS_LOG_TAG, text);
+    // With a hook, lines of levels switched off are written for the hook alone.
+    const bool logged = level_on(g_syslog_levels, level);
+    tee_line(level, text, logged);
+    if (logged && !capture_line(level, text)) {
+        __android_log_write(priority, TOLVEN_UTILS_LOG_TAG, text);
+    }
 }
 
 }  // namespace
 
 EXPORT bool tolven_hal_get_logcat_print_flag(int level) {
-    return level_on(g_syslog_levels, level);
+    return level_on(g_syslog_levels, level) || g_hooked.load(std::memory_order_relaxed);
 }
 
 EXPORT bool tolven_hal_get_shell_print_flag(int level) {
@@ -258,6 +265,7 @@ EXPORT void tolven_utils_host_set_line_hook(tolven_utils_line_hook hook, void* c
     std::lock_guard<std::mutex> lock(g_tee.lock);
     g_tee.hook = hook;
     g_tee.context = context;
+    g_hooked.store(hook != nullptr, std::memory_order_relaxed);
 }
 
 namespace tolven_utils_host {

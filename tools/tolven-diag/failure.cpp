@@ -44,37 +44,54 @@ std::string warn_port(const Options& o, const char* consequence) {
     return problem;
 }
 
-void explain_failure(const Options& o, int reply_len, Run* run) {
-    switch (classify_failure(o.mode, o.timeout_ms, o.capacity, reply_len, run->elapsed_ms)) {
-        case Failure::kRefused:
-            run->outcome = Outcome::kRefused;
-            run->why = "the library refused the send: the capacity must be above 0, not " +
-                       std::to_string(o.capacity);
+std::string failed_call_text(const FailedCall& f) {
+    std::string text = f.call + " failed";
+    if (f.has_value) text += " with " + std::to_string(f.value);
+    if (f.has_errno) {
+        text += ", errno " + std::to_string(f.err) + " (" + strerror(f.err) + ")";
+    }
+    if (!f.meaning.empty()) text += ": " + f.meaning;
+    return text;
+}
+
+void explain_failure(const Options& o, const std::optional<LoggedCommand>& logged, Run* run) {
+    if (!logged) {
+        // A device's utility library hands its lines to nobody: they are in the system log.
+        run->outcome = Outcome::kUnknown;
+        run->why = "the library returned 1; its log says why: logcat -d | tolven-diag --read-log -";
+        return;
+    }
+    run->outcome = logged->outcome;
+    switch (logged->outcome) {
+        case Outcome::kRefused:
+            run->why = "the library refused the send";
+            if (!logged->notes.empty()) run->why += ": " + logged->notes.front();
             return;
-        case Failure::kTimedOut: {
-            run->outcome = Outcome::kTimedOut;
+        case Outcome::kTimedOut: {
             run->why = "timed out: no complete reply within " +
                        std::to_string(effective_timeout_ms(o.mode, o.timeout_ms)) + " ms";
-            std::string note = port_note();
-            if (!note.empty()) {
-                run->why += ": " + note;
-            } else if (o.mode == Mode::kCallback) {
-                run->why += " (callback mode also drops a response over " +
-                            std::to_string(kCallbackMaxResponse) + " bytes)";
+            if (logged->response_dropped) {
+                run->why += ": the response of " + std::to_string(logged->response_len) +
+                            " bytes was over the " + std::to_string(kCallbackMaxResponse) +
+                            " bytes that callback mode takes, and was dropped";
             }
+            std::string note = port_note();
+            if (!note.empty()) run->why += ": " + note;
             return;
         }
-        case Failure::kDiagError:
+        case Outcome::kDiagError: {
+            run->why = "a diag library call failed after " + ms_text(run->elapsed_ms) + ": " +
+                       failed_call_text(logged->failure);
+            std::string problem = o.port.empty() ? "" : port_problem(o.port);
+            if (!problem.empty()) run->why += "; " + problem;
+            return;
+        }
+        case Outcome::kOk:
+        case Outcome::kUnknown:
             break;
     }
-    run->outcome = Outcome::kDiagError;
-    run->why = "a diag library call failed after " + ms_text(run->elapsed_ms);
-    if (!o.port.empty()) {
-        std::string problem = port_problem(o.port);
-        run->why += "; " + (problem.empty() ? "check that " + o.port + " is the modem's diag port"
-                                            : problem);
-    }
-    run->why += o.verbose ? "" : " (--verbose shows which)";
+    run->outcome = Outcome::kUnknown;
+    run->why = "the library returned 1, and its lines of this send do not say why";
 }
 
 }  // namespace tolven_diag_tool

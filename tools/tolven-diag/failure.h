@@ -2,15 +2,21 @@
 // checks, a diag call that failed, or a time-out; with what the port's libdiag found there.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "args.h"
+#include "log_reader.h"
 #include "send.h"
 
 namespace tolven_diag_tool {
 
-// Fills |run|'s outcome and why after a result of 1; |reply_len| is what the library left.
-void explain_failure(const Options& o, int reply_len, Run* run);
+// Fills |run|'s outcome and why after a result of 1, from the library's own account of the send
+// (|logged|), or, where the library's lines cannot be read (a device), without one.
+void explain_failure(const Options& o, const std::optional<LoggedCommand>& logged, Run* run);
+
+// "diag_register_dci_client failed with 1002, errno 5 (Input/output error): ..."
+std::string failed_call_text(const FailedCall& f);
 
 // Why the diag library cannot use |port|, or "" when it exists and opens for reading and writing
 // (or is a network port, which only a connection can tell).

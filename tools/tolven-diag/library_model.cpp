@@ -49,20 +49,6 @@ bool answered_at_limit(int stored_len, bool stored_by_this_command) {
     return stored_by_this_command && stored_len > 0 && stored_len % kDciPieceLen == 0;
 }
 
-bool whole_pieces(Mode mode, int len) {
-    // Callback mode's handler ends the wait with any response it takes.
-    return mode == Mode::kDci && answered_at_limit(len, true);
-}
-
-Failure classify_failure(Mode mode, int asked_ms, int capacity, int reply_len, double elapsed_ms) {
-    if (capacity <= 0) return Failure::kRefused;
-    // The wait wrote *reply_len (the stored length, cut to the capacity), or ran its ticks.
-    if (reply_len != capacity || elapsed_ms >= effective_timeout_ms(mode, asked_ms) - 1) {
-        return Failure::kTimedOut;
-    }
-    return Failure::kDiagError;
-}
-
 int worker_remaining_ms(Mode mode) {
     const int answer_ms = mode == Mode::kDci ? kDciAnswerMs : kCallbackAnswerMs;
     return answer_ms + kWorkerLingerMs - kCallHoldsMs + kWorkerMarginMs;

@@ -1,10 +1,10 @@
 // What libtolven_diag does with what the tool hands it, for the tool to tell its user. This
-// mirrors the library: its synchronous sends (the packets and capacities they refuse, how a time
-// limit becomes 100 ms ticks with callback mode's range and default, the largest callback
-// response, replies of whole 4096-byte pieces and which command they answer, and how a send that
-// fails does so), its fire-and-forget workers (how long one lives after the call returns) and its
-// offline-log update (the four property tests and the directory it names). The library says none
-// of this through its interface; tests/tool_library_model_test.cpp holds each part against the
+// mirrors the library: its synchronous sends (the packets they refuse, how a time limit becomes
+// 100 ms ticks with callback mode's range and default, the largest callback response, replies of
+// whole 4096-byte pieces and which command they answer), its fire-and-forget workers (how long
+// one lives after the call returns) and its offline-log update (the four property tests and the
+// directory it names). How a send ended is not guessed from here: the log reader reads it from
+// the library's own lines. tests/tool_library_model_test.cpp holds each part against the
 // library itself.
 #pragma once
 
@@ -44,14 +44,6 @@ std::string timeout_note(Mode mode, int asked_ms);
 // stored: only whole 4096-byte pieces that a response to this very command stored. A length left
 // by an earlier command (the store keeps it until the next response) answers nothing.
 bool answered_at_limit(int stored_len, bool stored_by_this_command);
-// A reply of |len| bytes that counts as complete only when the time limit runs out.
-bool whole_pieces(Mode mode, int len);
-
-enum class Failure { kRefused, kDiagError, kTimedOut };
-// Why a synchronous send returned 1. The library refuses a capacity of 0 or less before any diag
-// call; a diag call that fails ends the send at once and leaves *reply_len as it was; only the
-// wait for the reply, which ends at the time limit, writes *reply_len.
-Failure classify_failure(Mode mode, int asked_ms, int capacity, int reply_len, double elapsed_ms);
 
 // How long a fire-and-forget worker lives after the call that started it returned.
 int worker_remaining_ms(Mode mode);

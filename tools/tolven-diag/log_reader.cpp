@@ -277,6 +277,7 @@ struct LogReader::Impl {
         : sink(std::move(s)), splitter(kMaxLine, [this](string_view l) { line(l); }) {}
 
     Sink sink;
+    Sink on_return;
     LineSplitter splitter;
     std::unordered_map<int, std::unique_ptr<Proc>> procs;
     std::deque<std::unique_ptr<Cmd>> queue;  // in start order, until handed over
@@ -811,6 +812,7 @@ struct LogReader::Impl {
             if (!cmd->failed && !cmd->req_end) {
                 cmd->c.notes.push_back("the send ended without handing a reply over");
             }
+            returned(cmd);
             maybe_done(cmd);
         } else if (m == "tolven_diag_comand_param_check fail" ||
                    m == "tolven_diag_comand_output_check fail") {
@@ -877,6 +879,7 @@ struct LogReader::Impl {
             if (cmd->c.result < 0) cmd->c.result = 0;
             if (t.has_time) cmd->end_ms = t.time_ms;
             unbind(p, cmd->caller_tid, cmd);
+            returned(cmd);
             maybe_done(cmd);
         }
         if (cmd->failed && !cmd->worker_bound) cmd->worker_expected = false;
@@ -1071,8 +1074,8 @@ struct LogReader::Impl {
         c.stored_len = stored;
         if (c.capacity < 0) c.capacity = capacity;
         const Store& s = p.store;
-        const bool whole = stored > 0 && stored % kDciPieceLen == 0;
-        const bool whole_own = whole && s.known && s.has_data && s.by_seq == c.seq;
+        const bool whole = answered_at_limit(stored, true);
+        const bool whole_own = answered_at_limit(stored, s.known && s.has_data && s.by_seq == c.seq);
         bool timed_out;
         if (cmd->timer_failed) {
             timed_out = !cmd->completing;
@@ -1142,6 +1145,19 @@ struct LogReader::Impl {
     }
 
     // ---- Ending ----
+
+    // The call has returned to its caller: what it returned is known, although a timer or a
+    // worker may still add lines.
+    void returned(Cmd* cmd) {
+        if (!on_return) return;
+        LoggedCommand c = cmd->c;
+        if (cmd->failed) c.result = 1;
+        if (c.kind == CommandKind::kNoWait && !cmd->failed) c.outcome = LoggedOutcome::kOk;
+        if (cmd->has_time && cmd->fine_time && !cmd->partial) {
+            c.elapsed_ms = static_cast<double>(cmd->end_ms - cmd->first_ms);
+        }
+        on_return(c);
+    }
 
     void maybe_done(Cmd* cmd) {
         if (cmd->done) return;
@@ -1277,6 +1293,10 @@ void LogReader::feed_message(int pid, int tid, int64_t epoch_ms, char level,
     t.has_time = true;
     t.time_text = text;
     impl_->trace(t);
+}
+
+void LogReader::on_return(Sink sink) {
+    impl_->on_return = std::move(sink);
 }
 
 void LogReader::finish() {

@@ -120,6 +120,9 @@ class LogReader {
     // A line of a live process: its own pid, tid and wall-clock time, and the message as the
     // library wrote it to the system log.
     void feed_message(int pid, int tid, int64_t epoch_ms, char level, std::string_view message);
+    // |sink| also gets each command as its call returns to the caller, with the result that it
+    // returned; a timer or a worker may still add lines to it (a live send's account).
+    void on_return(Sink sink);
     // The end of the log: every command still open is handed over with a note.
     void finish();
     // A new piece of log whose processes are not the earlier ones' (another section of a

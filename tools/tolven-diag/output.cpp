@@ -61,8 +61,10 @@ void print_text(FILE* out, const Options& o, const Run& run, const Run* shown) {
     if (run.outcome != Outcome::kOk) {
         std::string after =
                 run.outcome == Outcome::kRefused ? "" : " after " + ms_text(run.elapsed_ms);
-        fprintf(out, "%sreply: none\n%sresult: %d (%s%s)\n", tag.c_str(), tag.c_str(), run.result,
-                outcome_name(run.outcome), after.c_str());
+        fprintf(out, "%sreply: none\n", tag.c_str());
+        for (const std::string& n : run.notes) fprintf(out, "note: %s\n", n.c_str());
+        fprintf(out, "%sresult: %d (%s%s)\n", tag.c_str(), run.result, outcome_name(run.outcome),
+                after.c_str());
         error(tag + run.why);
         return;
     }
@@ -207,6 +209,7 @@ void print_summary(FILE* out, const Options& o, Tally tally, const char* interru
     const int refused = tally.count(Outcome::kRefused);
     const int diag = tally.count(Outcome::kDiagError);
     const int timed_out = tally.count(Outcome::kTimedOut);
+    const int unknown = tally.count(Outcome::kUnknown);
     if (o.json) {
         Json::Value s;
         s["sent"] = tally.sent;
@@ -214,6 +217,7 @@ void print_summary(FILE* out, const Options& o, Tally tally, const char* interru
         s["timed_out"] = timed_out;
         s["refused"] = refused;
         s["diag_errors"] = diag;
+        s["unknown"] = unknown;
         s["interrupted"] = interrupted != nullptr ? Json::Value(interrupted) : Json::Value();
         if (latency.empty()) {
             s["latency_ms"] = Json::Value();
@@ -229,6 +233,7 @@ void print_summary(FILE* out, const Options& o, Tally tally, const char* interru
     }
     fprintf(out, "summary: %d sent, %d answered, %d timed out, %d refused, %d diag errors",
             tally.sent, ok, timed_out, refused, diag);
+    if (unknown > 0) fprintf(out, ", %d of unknown kind", unknown);
     if (!latency.empty()) {
         fprintf(out, "; latency min %s, median %s, max %s", ms_text(latency.front()).c_str(),
                 ms_text(median_of(latency)).c_str(), ms_text(latency.back()).c_str());

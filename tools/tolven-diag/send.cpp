@@ -9,6 +9,7 @@
 
 #include "failure.h"
 #include "library_model.h"
+#include "live_log.h"
 #include "output.h"
 #include "tolven_diag.h"
 
@@ -43,6 +44,8 @@ Run send_once(const Options& o, int seq) {
     std::vector<uint8_t> buf(std::max(o.capacity, 1));
     int reply_len = o.capacity;
     const int len = static_cast<int>(o.packet.size());
+    LiveLog& live = LiveLog::get();
+    live.returned();  // a command of before is not this one
     auto start = std::chrono::steady_clock::now();
     run.result = o.mode == Mode::kDci
                          ? tolven_diag_cmd_send_with_result(o.packet.data(), len, o.timeout_ms,
@@ -53,46 +56,27 @@ Run send_once(const Options& o, int seq) {
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
                     .count();
     run.reply_len = reply_len;
+    // What happened, as the library's own lines tell it.
+    const std::optional<LoggedCommand> logged = live.returned();
+    if (logged) run.notes = logged->notes;
     if (run.result != 0) {
-        explain_failure(o, reply_len, &run);
+        explain_failure(o, logged, &run);
         run.reply_len_written = run.outcome == Outcome::kTimedOut;
         return run;
     }
     run.reply_len_written = true;
     run.outcome = Outcome::kOk;
     run.reply.assign(buf.begin(), buf.begin() + std::clamp(reply_len, 0, o.capacity));
-    if (reply_len == o.capacity) {
-        run.notes.push_back("the reply fills the capacity; it may have been cut");
-    }
     if (echoed(o.packet, run.reply)) {
         run.notes.push_back(
                 "the reply is the request itself, byte for byte: a port that sends back what it "
                 "gets (a loopback, an AT port with echo on) looks like this; check that " +
                 (o.port.empty() ? std::string("the port") : o.port) + " is the modem's diag port");
     }
-    if (whole_pieces(o.mode, reply_len)) {
-        run.notes.push_back(
-                "a DCI reply of whole 4096-byte pieces counts as complete only when the "
-                "time-out runs out");
-    }
     return run;
 }
 
 }  // namespace
-
-const char* outcome_name(Outcome o) {
-    switch (o) {
-        case Outcome::kOk:
-            return "ok";
-        case Outcome::kRefused:
-            return "refused";
-        case Outcome::kDiagError:
-            return "diag error";
-        case Outcome::kTimedOut:
-            return "timed out";
-    }
-    return "";
-}
 
 int send_with_result(const Options& o, FILE* out) {
     if (!o.json) print_request(out, o);

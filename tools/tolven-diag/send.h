@@ -7,11 +7,16 @@
 #include <vector>
 
 #include "args.h"
+#include "log_reader.h"
 
 namespace tolven_diag_tool {
 
-enum class Outcome { kOk, kRefused, kDiagError, kTimedOut };
-const char* outcome_name(Outcome o);  // "ok", "refused", "diag error", "timed out"
+// As the log reader tells them: ok, refused, diag error, timed out, or unknown where the
+// library's lines cannot be read.
+using Outcome = LoggedOutcome;
+inline const char* outcome_name(Outcome o) {
+    return logged_outcome_name(o);
+}
 
 // One synchronous send.
 struct Run {
@@ -30,7 +35,7 @@ struct Run {
 // What a run of sends did, for its summary: outcomes counted, latencies of the answered ones.
 struct Tally {
     int sent = 0;
-    int outcomes[4] = {};  // by Outcome
+    int outcomes[5] = {};  // by Outcome
     std::vector<double> latency_ms;
     void add(const Run& run) {
         ++sent;

@@ -35,8 +35,10 @@ struct tolven_utils_line {
 };
 typedef void (*tolven_utils_line_hook)(const struct tolven_utils_line* line, void* context);
 // Hands every system-log line from now on to |hook| with |context|, one at a time, whatever the
-// capture and liblog do with it; NULL removes it. The hook must not log. A tool finds this with
-// dlsym, so that it builds for a device, whose utility library has no such call.
+// capture and liblog do with it, at every level: while a hook is in place the library writes
+// lines of all levels, and those of levels TOLVEN_LOG_SYSLOG leaves off go to the hook alone.
+// NULL removes it. The hook must not log. A tool finds this with dlsym, so that it builds for a
+// device, whose utility library has no such call.
 void tolven_utils_host_set_line_hook(tolven_utils_line_hook hook, void* context);
 
 #ifdef __cplusplus
