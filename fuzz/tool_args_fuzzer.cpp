@@ -31,7 +31,8 @@ bool same(const Options& a, const Options& b) {
            a.linger_ms == b.linger_ms && a.count == b.count && a.count_given == b.count_given &&
            a.interval_ms == b.interval_ms && a.verbose == b.verbose && a.raw == b.raw &&
            a.json == b.json && a.port == b.port && a.offline_date == b.offline_date &&
-           a.out_dir == b.out_dir && a.props == b.props && a.packet == b.packet;
+           a.out_dir == b.out_dir && a.props == b.props && a.packet == b.packet &&
+           a.read_log == b.read_log && a.answers_out == b.answers_out;
 }
 
 std::string hex(const std::vector<uint8_t>& bytes) {
@@ -54,6 +55,12 @@ std::vector<std::string> to_args(const Options& o) {
     std::vector<std::string> a;
     if (o.verbose) a.push_back("-v");
     if (o.json) a.push_back("--json");
+    if (o.action == Action::kReadLog) {
+        a.insert(a.end(), {"--read-log", o.read_log});
+        if (!o.answers_out.empty()) a.insert(a.end(), {"--answers", o.answers_out});
+        if (o.raw) a.push_back("--raw");
+        return a;
+    }
     if (!o.port.empty()) a.insert(a.end(), {"--port", o.port});
     if (o.action == Action::kMdm) {
         a.push_back("--mdm");
@@ -94,8 +101,15 @@ void check_consistent(const Options& o) {
     const Options defaults;
     if (o.action != Action::kSend) {
         require(o.timeout_ms == defaults.timeout_ms && o.capacity == defaults.capacity &&
-                        o.count == 1 && !o.count_given && !o.raw,
+                        o.count == 1 && !o.count_given && (!o.raw || o.action == Action::kReadLog),
                 "send options only for synchronous sends");
+    }
+    require((o.action == Action::kReadLog) == !o.read_log.empty() &&
+                    (o.answers_out.empty() || o.action == Action::kReadLog),
+            "log options only for --read-log");
+    if (o.action == Action::kReadLog) {
+        require(!o.verbose && o.port.empty() && o.packet.empty() && o.mode == defaults.mode,
+                "nothing of a send for --read-log");
     }
     require(o.action == Action::kNoWait || o.linger_ms == -1, "linger only with --no-wait");
     require(o.count > 1 || o.interval_ms == defaults.interval_ms, "interval only with count");

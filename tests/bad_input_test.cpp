@@ -273,4 +273,43 @@ TEST(FailuresSaid, TheCauseWhereTheUserLooks) {
     }
 }
 
+// A fire-and-forget send returns 0 once its worker runs; what the worker then met is in the
+// library's lines, and the tool says it.
+TEST(FailuresSaid, AWorkerThatFails) {
+    Scratch s;
+    ASSERT_FALSE(s.dir.empty());
+    const std::string broken = s.write("broken", "7 -> 1\n");
+    const struct {
+        const char* name;
+        std::vector<std::string> args;
+        std::string prefix;
+        int exit_code;
+        std::string said;
+    } rows[] = {
+            {"no such port",
+             {"-n", "--port", "/nonexistent/tty", "1c"},
+             "",
+             1,
+             "the worker's Diag_LSM_Init failed: no connection to the diag service; the port "
+             "/nonexistent/tty: No such file"},
+            {"a refused network port",
+             {"-n", "-m", "callback", "--port", "tcp:127.0.0.1:1", "1c"},
+             "",
+             1,
+             "the worker's Diag_LSM_Init failed"},
+            {"a broken answers file",
+             {"-n", "--json", "1c"},
+             "LIBDIAG_SIM_ANSWERS='" + broken + "'",
+             1,
+             "\"outcome\":\"diag error\""},
+            {"all well", {"-n", "1c"}, "", 0, "note: the worker got 1 answer: 3 bytes"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ChildOutcome r = run_program(TOLVEN_DIAG_TOOL, row.args, row.prefix, 30);
+        EXPECT_EQ(row.exit_code, r.exit_code) << r.out << r.err;
+        EXPECT_NE(std::string::npos, (r.out + r.err).find(row.said)) << r.out << r.err;
+    }
+}
+
 }  // namespace

@@ -311,6 +311,95 @@ TEST(Tool, JsonObjectsShareTheirKeys) {
     EXPECT_EQ(17u, first.size());
 }
 
+std::vector<Json::Value> json_lines(const std::string& text) {
+    std::vector<Json::Value> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        Json::Value j;
+        std::string errors;
+        std::istringstream one(line);
+        if (Json::parseFromStream(Json::CharReaderBuilder(), one, &j, &errors)) out.push_back(j);
+    }
+    return out;
+}
+
+// Sends logged through TOLVEN_LOG_FILE, read back with --read-log: each command as its live send
+// told it, with at least a live send's keys; the answers written from the log give the same
+// outcomes and replies when the simulated modem replays them.
+TEST(Tool, ReadLogTellsWhatTheSendsDid) {
+    const std::string dir = ::testing::TempDir();
+    const std::string log = dir + "tool_test_read_" + std::to_string(getpid()) + ".log";
+    const std::string answers = log + ".answers";
+    const std::string silent = log + ".silent";
+    unlink(log.c_str());
+    unlink(answers.c_str());
+    std::ofstream(silent) << "1d -> none\n";
+    const std::vector<std::vector<std::string>> sends = {
+            {"00"},
+            {"-m", "callback", "7c"},
+            {"-t", "300", "4b", "fe", "02", "00", "fc", "0f"},
+            {"-t", "200", "1d"},
+            {"-c", "0", "00"},
+            {"-c", "8", "4b", "fe", "01", "00", "aa", "bb"},
+    };
+    const std::string logged = "TOLVEN_LOG_FILE='" + log + "' TOLVEN_LOG_SYSLOG=1,4 ";
+    std::vector<Json::Value> live;
+    for (const auto& args : sends) {
+        std::vector<std::string> a = args;
+        a.insert(a.begin(), "--json");
+        ChildOutcome r = run_tool(a, logged + "LIBDIAG_SIM_ANSWERS='" + silent + "'");
+        std::vector<Json::Value> j = json_lines(r.out);
+        ASSERT_EQ(1u, j.size()) << r.out << r.err;
+        live.push_back(j[0]);
+    }
+
+    ChildOutcome r = run_tool({"--json", "--read-log", log, "--answers", answers}, "");
+    ASSERT_EQ(0, r.exit_code) << r.err;
+    std::vector<Json::Value> read = json_lines(r.out);
+    ASSERT_EQ(sends.size() + 1, read.size()) << r.out;
+    for (size_t i = 0; i < sends.size(); ++i) {
+        SCOPED_TRACE(live[i]["request"].asString());
+        for (const std::string& key : live[i].getMemberNames()) {
+            EXPECT_TRUE(read[i].isMember(key)) << key;
+        }
+        for (const char* key : {"request", "mode", "outcome", "result", "reply", "reply_len",
+                                "capacity", "decoded", "subscription", "kind"}) {
+            EXPECT_EQ(live[i][key], read[i][key]) << key;
+        }
+        // A refused call never got as far as its time limit.
+        if (live[i]["outcome"] != "refused") {
+            EXPECT_EQ(live[i]["timeout_ms"], read[i]["timeout_ms"]);
+        }
+        EXPECT_TRUE(read[i]["pid"].isInt() && read[i]["tid"].isInt() && read[i]["start"].isString());
+    }
+    EXPECT_EQ(6u, read.back()["summary"]["commands"].asUInt());
+    // The same log as text: one block a command, then the summary.
+    ChildOutcome text = run_tool({"--read-log", log}, "");
+    EXPECT_NE(std::string::npos, text.out.find("#4 sync, dci mode, [tolven-diag] pid ")) << text.out;
+    EXPECT_NE(std::string::npos, text.out.find("cause: no complete reply within 200 ms"));
+    EXPECT_NE(std::string::npos, text.out.find("summary: 6 commands (6 sync, 0 no-wait), 4 ok, 1 "
+                                               "timed out, 1 refused, 0 diag error, 0 unknown"))
+            << text.out;
+
+    // On the desk, from the answers the log gave: the same outcomes and replies.
+    for (size_t i = 0; i < sends.size(); ++i) {
+        std::vector<std::string> a = sends[i];
+        a.insert(a.begin(), "--json");
+        ChildOutcome again = run_tool(a, "LIBDIAG_SIM_ANSWERS='" + answers + "'");
+        std::vector<Json::Value> j = json_lines(again.out);
+        ASSERT_EQ(1u, j.size()) << again.out << again.err;
+        EXPECT_EQ(live[i]["outcome"], j[0]["outcome"]) << live[i]["request"];
+        EXPECT_EQ(live[i]["reply"], j[0]["reply"]) << live[i]["request"];
+    }
+    // The answers file is not written over.
+    r = run_tool({"--read-log", log, "--answers", answers}, "");
+    EXPECT_EQ(1, r.exit_code);
+    EXPECT_NE(std::string::npos, r.err.find("File exists (name a file that does not exist)"));
+    unlink(log.c_str());
+    unlink(answers.c_str());
+    unlink(silent.c_str());
+}
+
 // Every range a number option has is in --help and in the README, as its error states it.
 TEST(Tool, NumberRangesAreDocumented) {
     const std::string readme = read_file(TOLVEN_SOURCE_DIR "/README.md");

@@ -28,6 +28,8 @@ enum Id {
     kOptOutDir,
     kOptProp,
     kOptVerbose,
+    kOptReadLog,
+    kOptAnswers,
     kOptHelp,
     kOptVersion,
     kOptCount_,
@@ -57,6 +59,8 @@ constexpr OptionDef kOptionTable[] = {
         {kOptOutDir, "out-dir", 0, true},
         {kOptProp, "prop", 0, true},
         {kOptVerbose, "verbose", 'v', false},
+        {kOptReadLog, "read-log", 0, true},
+        {kOptAnswers, "answers", 0, true},
         {kOptHelp, "help", 'h', false},
         {kOptVersion, "version", 0, false},
 };
@@ -69,6 +73,7 @@ const char kUsage[] =
         "       tolven-diag --mdm [--json] [--port PORT] [-v]\n"
         "       tolven-diag [--prop KEY=VALUE]... --offline-log-dir DATE [--out-dir DIR]\n"
         "                   [--json] [-v]\n"
+        "       tolven-diag --read-log FILE [--answers OUT] [--json] [--raw]\n"
         "       tolven-diag -h | --help | --version [--json]\n"
         "\n"
         "Sends one diag command packet to the modem through libtolven_diag and prints the\n"
@@ -113,6 +118,11 @@ const char kUsage[] =
         "                         empty VALUE unsets it\n"
         "  -v, --verbose          show the library's trace lines on standard output\n"
         "                         (on standard error with --json)\n"
+        "      --read-log FILE    read the library's log back (logcat, a bugreport .txt\n"
+        "                         or .zip; - for standard input): every command it ran,\n"
+        "                         shown as a send is, then a summary\n"
+        "      --answers OUT      with --read-log: also write what the modem answered as\n"
+        "                         an answers file for the simulated modem (a new file)\n"
         "  -h, --help             show this help and exit\n"
         "      --version          show the versions of the tool and the libraries\n"
         "\n"
@@ -126,6 +136,7 @@ const char kUsage[] =
         "  tolven-diag 98 01 00 00 01 00 00 00 7c   build id of subscription 1\n"
         "  tolven-diag --port tcp:lab1:3333 00      a modem shared on the network\n"
         "  tolven-diag --mdm\n"
+        "  adb logcat -d | tolven-diag --read-log -   what the library did on a phone\n"
         "\n"
         "Exit status: 0 success; 1 the send was refused, failed or timed out, or a\n"
         "property, the output or the offline-log directories failed; 2 bad usage.\n";
@@ -329,6 +340,14 @@ class Parser {
             case kOptVerbose:
                 o_->verbose = true;
                 return true;
+            case kOptReadLog:
+            case kOptAnswers:
+                if (value.empty()) {
+                    fail(written + ": empty path");
+                    return false;
+                }
+                (def.id == kOptReadLog ? o_->read_log : o_->answers_out) = value;
+                return true;
             case kOptHelp:
                 o_->action = Action::kHelp;
                 done_ = true;
@@ -354,6 +373,8 @@ class Parser {
     }
 
     int check(bool packet) {
+        if (given(kOptReadLog)) return check_read_log(packet);
+        if (given(kOptAnswers)) return fail(seen_[kOptAnswers] + " needs --read-log");
         const std::string mdm = seen_[kOptMdm];
         const std::string offline = seen_[kOptOffline];
         if (packet && given(kOptMdm)) return fail("a packet and " + mdm + " exclude each other");
@@ -409,6 +430,20 @@ class Parser {
         if (given(kOptInterval) && o_->count < 2) {
             return fail(seen_[kOptInterval] + " needs --count above 1");
         }
+        return kExitOk;
+    }
+
+    // --read-log reads a log: no library call, so nothing of a send applies.
+    int check_read_log(bool packet) {
+        const std::string& read_log = seen_[kOptReadLog];
+        if (packet) return fail("a packet and " + read_log + " exclude each other");
+        for (int id = 0; id < kOptCount_; ++id) {
+            if (id == kOptReadLog || id == kOptAnswers || id == kOptJson || id == kOptRaw) continue;
+            if (given(static_cast<Id>(id))) {
+                return fail(seen_[id] + " does not apply to " + read_log);
+            }
+        }
+        o_->action = Action::kReadLog;
         return kExitOk;
     }
 

@@ -27,7 +27,7 @@ constexpr int kMaxCount = 1000000;
 constexpr int kDefaultIntervalMs = 1000;
 constexpr int kMaxIntervalMs = 3600000;
 
-enum class Action { kSend, kNoWait, kMdm, kOfflineLogDir, kHelp, kVersion };
+enum class Action { kSend, kNoWait, kMdm, kOfflineLogDir, kReadLog, kHelp, kVersion };
 
 struct Options {
     Action action = Action::kSend;
@@ -48,6 +48,8 @@ struct Options {
     std::string out_dir;
     std::vector<std::pair<std::string, std::string>> props;
     std::vector<uint8_t> packet;
+    std::string read_log;     // --read-log: the log to read; "-" is standard input
+    std::string answers_out;  // --answers: the answers file to write
 };
 
 // Parses the arguments after the program name. Returns kExitOk with |*out| filled, or

@@ -897,7 +897,7 @@ struct LogReader::Impl {
         } else if (m == "LSM init failed") {
             cmd->c.notes.push_back(
                     "Diag_LSM_Init failed in the worker: no connection to the diag service");
-            fail(cmd, LoggedOutcome::kDiagError, "Diag_LSM_Init", true, 0, false, 0);
+            fail(cmd, LoggedOutcome::kDiagError, "Diag_LSM_Init", false, 0, false, 0);
         } else if (m == "Sending Asynchronous Command for ch:0") {
             send_started(cmd, t);
             cmd->c.sent = true;

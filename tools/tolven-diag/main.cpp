@@ -18,6 +18,7 @@
 #include "failure.h"
 #include "offline_log.h"
 #include "output.h"
+#include "read_log.h"
 #include "send.h"
 #include "tolven_diag.h"
 #include "version.h"
@@ -53,6 +54,8 @@ int run(const Options& o, FILE* out) {
             print_json_value(out, j);
             return kExitOk;
         }
+        case Action::kReadLog:
+            return read_log_action(o, out);
         case Action::kNoWait:
             return send_no_wait(o, out);
         case Action::kSend:

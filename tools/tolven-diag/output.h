@@ -10,6 +10,7 @@
 #include <json/value.h>
 
 #include "args.h"
+#include "log_reader.h"
 #include "send.h"
 
 namespace tolven_diag_tool {
@@ -39,6 +40,11 @@ void print_request(FILE* out, const Options& o);
 void print_run(FILE* out, const Options& o, const Run& run, const Run* shown);
 // |interrupted|: the name of the signal that ended the run early, or null.
 void print_summary(FILE* out, const Options& o, Tally tally, const char* interrupted);
+
+// A command of the library's log, as a send is shown (text, or one JSON object with a live
+// send's keys and where it ran), and the summary of a log.
+void print_logged(FILE* out, const Options& o, const LoggedCommand& c);
+void print_log_summary(FILE* out, const Options& o, const LogSummary& s);
 
 // ", port PATH (FRAMING)" when a port was given.
 std::string port_text(const Options& o);

@@ -117,6 +117,7 @@ int send_no_wait(const Options& o, FILE* out) {
                 mode_name(o.mode), port_text(o).c_str());
         dump(out, o.packet.data(), o.packet.size());
     }
+    LiveLog& live = LiveLog::get();
     auto start = std::chrono::steady_clock::now();
     int result = o.mode == Mode::kDci ? tolven_diag_cmd_send_without_result(o.packet.data(), len)
                                       : tolven_diag_cmd_send_without_result_by_callback_mode(
@@ -143,17 +144,56 @@ int send_no_wait(const Options& o, FILE* out) {
                 o.linger_ms >= 0 ? "(--linger)" : "for the worker to end");
     }
     sleep_ms(linger);
-    if (!o.json) {
-        fprintf(out, "result: 0 (ok)\n");
-        return kExitOk;
-    }
-    j["outcome"] = outcome_name(Outcome::kOk);
-    j["elapsed_ms"] =
+
+    // The worker's own account: the call's 0 says only that it was started.
+    Run run;
+    run.result = 0;
+    run.outcome = Outcome::kOk;
+    run.elapsed_ms =
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
                     .count();
-    j["notes"].append("handed to a worker thread, which logs only the length of each answer");
-    print_json_value(out, j);
-    return kExitOk;
+    std::vector<LoggedCommand> ended = live.handed();
+    if (!ended.empty()) {
+        const LoggedCommand& c = ended.back();
+        run.notes = c.notes;
+        if (!c.answer_lens.empty()) {
+            std::string lens;
+            for (int n : c.answer_lens) lens += (lens.empty() ? "" : ", ") + std::to_string(n);
+            run.notes.push_back("the worker got " + std::to_string(c.answer_lens.size()) +
+                                (c.answer_lens.size() == 1 ? " answer: " : " answers: ") + lens +
+                                " bytes");
+        }
+        if (c.outcome == Outcome::kDiagError) {
+            run.outcome = c.outcome;
+            run.why = "the worker's " + failed_call_text(c.failure);
+            std::string problem = o.port.empty() ? "" : port_problem(o.port);
+            if (!problem.empty()) run.why += "; " + problem;
+        }
+    } else if (live.available()) {
+        run.notes.push_back(
+                "the worker had not ended when the tool stopped waiting: what it did "
+                "is not known");
+    } else {
+        run.notes.push_back(
+                "the worker logs what it did to the system log: logcat -d | "
+                "tolven-diag --read-log -");
+    }
+    const bool ok = run.outcome == Outcome::kOk;
+    if (o.json) {
+        j["outcome"] = outcome_name(run.outcome);
+        j["elapsed_ms"] = run.elapsed_ms;
+        if (!ok) j["error"] = run.why;
+        j["notes"].append("handed to a worker thread, which logs only the length of each answer");
+        for (const std::string& n : run.notes) j["notes"].append(n);
+        print_json_value(out, j);
+    } else {
+        for (const std::string& n : run.notes) fprintf(out, "note: %s\n", n.c_str());
+        fprintf(out, ok ? "result: 0 (ok)\n" : "result: 0, but the worker failed (%s)\n",
+                outcome_name(run.outcome));
+    }
+    if (ok) return kExitOk;
+    error(run.why);
+    return kExitFailed;
 }
 
 }  // namespace tolven_diag_tool

@@ -110,6 +110,10 @@ _tolven_diag()
             _tolven_diag_files -d
             return
             ;;
+        --read-log | --answers)
+            _tolven_diag_files
+            return
+            ;;
         --prop)
             # The properties that the offline-log update reads.
             [[ $cur == *=* ]] && return
@@ -129,6 +133,6 @@ _tolven_diag()
     [[ -z $cur || $cur == -* ]] || return
     _tolven_diag_offer '-m --mode -t --timeout -c --capacity --count --interval --raw --json
         -n --no-wait --linger --port --framing --mdm --offline-log-dir --out-dir --prop
-        -v --verbose -h --help --version'
+        --read-log --answers -v --verbose -h --help --version'
 } &&
     complete -F _tolven_diag tolven-diag
