@@ -72,7 +72,7 @@ bool have_modem_data() {
 const Case kCases[] = {
     // Usage: conflicting and idle options, numbers, hex.
     {"NoPacket", {}, "", "", 2, "",
-     "no packet given (nor --mdm or --offline-log-dir)\nTry 'tolven-diag --help'"},
+     "no packet given (nor --mdm, --offline-log-dir or --list-ports)\nTry 'tolven-diag --help'"},
     {"UnknownOption", {"--bogus", "00"}, "", "", 2, "", "unknown option --bogus"},
     {"NoWaitTimeout", {"-n", "-t", "500", "00"}, "", "", 2, "", "-t does not apply with -n"},
     {"NoWaitCapacity", {"-n", "-c", "8", "00"}, "", "", 2, "", "-c does not apply with -n"},
@@ -153,7 +153,7 @@ const Case kCases[] = {
      "libdiag: cannot open diag port tcp:127.0.0.1:1: Connection refused"},
     {"PortMissing", {"--mdm", "--port", "/nonexistent/tty"}, "", "", 0,
      "remote modem: absent, port /nonexistent/tty\n",
-     "warning: the port /nonexistent/tty: No such file or directory"},
+     "warning: no such device: /nonexistent/tty"},
 
     // JSON wherever the mode has a result, with the same keys in every send object.
     {"JsonVersion", {"--json", "--version"}, "", "", 0, "{\"libdiag\":{\"build_id\":", ""},

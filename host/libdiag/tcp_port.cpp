@@ -76,9 +76,13 @@ std::unique_ptr<LinkPort> connect_tcp(const std::string& address, std::string* e
     addrinfo* list = nullptr;
     int rc = getaddrinfo(where.host.c_str(), std::to_string(where.port).c_str(), &hints, &list);
     if (rc != 0) {
-        *error = rc == EAI_NONAME || rc == EAI_FAIL || rc == EAI_NODATA || rc == EAI_ADDRFAMILY
-                         ? "unknown host " + where.host + " (" + gai_strerror(rc) + ")"
-                         : gai_strerror(rc);
+        if (rc == EAI_NONAME || rc == EAI_FAIL || rc == EAI_NODATA || rc == EAI_ADDRFAMILY) {
+            *error = "unknown host " + where.host + " (" + gai_strerror(rc) + ")";
+        } else if (rc == EAI_AGAIN) {
+            *error = "cannot look up the host " + where.host + " (" + gai_strerror(rc) + ")";
+        } else {
+            *error = gai_strerror(rc);
+        }
         return nullptr;
     }
     int fd = -1;

@@ -1,13 +1,10 @@
 #include "failure.h"
 
 #include <dlfcn.h>
-#include <errno.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "library_model.h"
 #include "output.h"
+#include "ports.h"
 
 namespace tolven_diag_tool {
 namespace {
@@ -25,16 +22,6 @@ std::string port_note() {
 }
 
 }  // namespace
-
-std::string port_problem(const std::string& port) {
-    if (port.rfind("tcp:", 0) == 0) return "";
-    struct stat st;
-    if (stat(port.c_str(), &st) != 0) return "the port " + port + ": " + strerror(errno);
-    if (access(port.c_str(), R_OK | W_OK) != 0) {
-        return "the port " + port + " cannot be opened for reading and writing: " + strerror(errno);
-    }
-    return "";
-}
 
 std::string warn_port(const Options& o, const char* consequence) {
     std::string problem = o.port.empty() ? "" : port_problem(o.port);
@@ -56,6 +43,8 @@ void explain_failure(const Options& o, int reply_len, Run* run) {
             run->why = "timed out: no complete reply within " +
                        std::to_string(effective_timeout_ms(o.mode, o.timeout_ms)) + " ms";
             std::string note = port_note();
+            // A connection that never came up takes a send's whole time too: say so.
+            if (note.empty() && !o.port.empty()) note = port_problem(o.port);
             if (!note.empty()) {
                 run->why += ": " + note;
             } else if (o.mode == Mode::kCallback) {
@@ -69,11 +58,12 @@ void explain_failure(const Options& o, int reply_len, Run* run) {
     }
     run->outcome = Outcome::kDiagError;
     run->why = "a diag library call failed after " + ms_text(run->elapsed_ms);
-    if (!o.port.empty()) {
-        std::string problem = port_problem(o.port);
-        run->why += "; " + (problem.empty() ? "check that " + o.port + " is the modem's diag port"
-                                            : problem);
+    const std::string problem = o.port.empty() ? "" : port_problem(o.port, run->elapsed_ms);
+    if (!problem.empty()) {
+        run->why += ": " + problem;
+        return;
     }
+    if (!o.port.empty()) run->why += "; check that " + o.port + " is the modem's diag port";
     run->why += o.verbose ? "" : " (--verbose shows which)";
 }
 

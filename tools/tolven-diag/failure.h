@@ -12,10 +12,6 @@ namespace tolven_diag_tool {
 // Fills |run|'s outcome and why after a result of 1; |reply_len| is what the library left.
 void explain_failure(const Options& o, int reply_len, Run* run);
 
-// Why the diag library cannot use |port|, or "" when it exists and opens for reading and writing
-// (or is a network port, which only a connection can tell).
-std::string port_problem(const std::string& port);
-
 // Before a call whose failure the tool cannot see: a warning about a port that cannot work,
 // also returned ("" when the port looks usable).
 std::string warn_port(const Options& o, const char* consequence);
