@@ -401,7 +401,7 @@ TEST(HeldPort, ListedNotProbed) {
     ChildOutcome list = bed.tool({"--list-ports", "--probe", "--all"});
     EXPECT_EQ(0, list.exit_code) << list.err;
     EXPECT_NE(std::string::npos, list.out.find("/dev/ttyS0\n  driver     port\n")) << list.out;
-    EXPECT_NE(std::string::npos, list.out.find("  held       by " + who + " (")) << list.out;
+    EXPECT_NE(std::string::npos, list.out.find("  held       " + who + " (")) << list.out;
     EXPECT_NE(std::string::npos, list.out.find("  probe      not probed: " + who)) << list.out;
     EXPECT_NE(std::string::npos, list.out.find("no port answered a diag request")) << list.out;
 

@@ -66,7 +66,7 @@ void print_port_text(FILE* out, const SerialPort& p, const Probe* probe, int lim
     if (p.holders.empty()) {
         fprintf(out, "  held       no\n");
     } else {
-        for (const std::string& h : p.holders) fprintf(out, "  held       by %s\n", h.c_str());
+        for (const std::string& h : p.holders) fprintf(out, "  held       %s\n", h.c_str());
     }
     if (probe != nullptr) fprintf(out, "  probe      %s\n", probe_text(*probe, limit_ms).c_str());
 }
