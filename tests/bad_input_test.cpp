@@ -173,23 +173,28 @@ TEST(PathsWritten, OnlyWhatTheProgramMade) {
     }
 }
 
+// A socket listening on a free loopback port; |*address| is "tcp:127.0.0.1:PORT", or "" when
+// it could not be set up.
+int loopback_listener(int backlog, sockaddr_in* a, std::string* address) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    a->sin_family = AF_INET;
+    a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof *a;
+    if (bind(fd, reinterpret_cast<sockaddr*>(a), sizeof *a) == 0 && listen(fd, backlog) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(a), &len) == 0) {
+        *address = "tcp:127.0.0.1:" + std::to_string(ntohs(a->sin_port));
+    }
+    return fd;
+}
+
 // A port on the network that is no modem: it sends back what it gets, or nothing, or noise.
 class TcpPeer {
   public:
     enum Kind { kEcho, kSilent, kNoise };
     explicit TcpPeer(Kind kind) : kind_(kind) {
-        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof a;
-        if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-            listen(listener_, 4) != 0 ||
-            getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-            return;
-        }
-        address_ = "tcp:127.0.0.1:" + std::to_string(ntohs(a.sin_port));
-        thread_ = std::thread([this] { serve(); });
+        listener_ = loopback_listener(4, &a, &address_);
+        if (!address_.empty()) thread_ = std::thread([this] { serve(); });
     }
     ~TcpPeer() {
         done_ = true;
@@ -231,22 +236,13 @@ class TcpPeer {
 class FullListener {
   public:
     FullListener() {
-        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof a;
-        if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-            listen(listener_, 0) != 0 ||
-            getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-            return;
-        }
-        for (int i = 0; i < 2; ++i) {
+        listener_ = loopback_listener(0, &a, &address_);
+        for (int i = 0; i < 2 && !address_.empty(); ++i) {
             int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
             (void)!connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a);
             clients_.push_back(c);
         }
-        address_ = "tcp:127.0.0.1:" + std::to_string(ntohs(a.sin_port));
     }
     ~FullListener() {
         for (int c : clients_) close(c);

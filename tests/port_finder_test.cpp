@@ -165,10 +165,14 @@ class Responders {
   public:
     Responders() : wake_(eventfd(0, EFD_CLOEXEC)) {}
     ~Responders() {
+        stop();
+        close(wake_);
+    }
+    // Before the test bed closes the ptys.
+    void stop() {
         uint64_t one = 1;
         (void)!write(wake_, &one, sizeof one);
         if (thread_.joinable()) thread_.join();
-        close(wake_);
     }
     void add(int master, Behaviour b) { ports_.push_back({master, b}); }
     void start() {
@@ -224,6 +228,7 @@ class Bed {
     }
     ~Bed() {
         modems_.clear();
+        responders_.stop();
         g_object_unref(testbed_);
     }
 
