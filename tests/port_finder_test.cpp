@@ -242,12 +242,14 @@ class Bed {
 
     // The tool under the test bed. ASan wants its runtime first among the libraries, which a
     // preloaded one is not; it works all the same.
-    ChildOutcome tool(const std::vector<std::string>& args) const {
-        return run_program(TOLVEN_DIAG_TOOL, args,
-                           "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0 "
-                           "LD_PRELOAD=libumockdev-preload.so.0 UMOCKDEV_DIR='" +
-                                   root() + "'",
-                           60);
+    ChildOutcome tool(const std::vector<std::string>& args, const std::string& env = "") const {
+        return run_program(
+                TOLVEN_DIAG_TOOL, args,
+                env +
+                        " ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0 "
+                        "LD_PRELOAD=libumockdev-preload.so.0 UMOCKDEV_DIR='" +
+                        root() + "'",
+                60);
     }
 
   private:
@@ -418,9 +420,13 @@ TEST(HeldPort, ListedNotProbed) {
 
     holder.release();
     ChildOutcome named =
-            bed.tool({"--port", by_id(kModule, kModule.interfaces[0]), "-t", "1000", "1c"});
+            bed.tool({"--port", by_id(kModule, kModule.interfaces[0]), "-t", "1000", "1c"},
+                     "LIBDIAG_SIM_TRACE=1");
     EXPECT_EQ(0, named.exit_code) << named.out << named.err;
     EXPECT_NE(std::string::npos, named.out.find("diag version       8")) << named.out;
+    // The faked tty takes no exclusive-open flag: used under its lock, and the trace says so.
+    EXPECT_NE(std::string::npos, named.err.find(": not exclusive (TIOCEXCL: Inappropriate ioctl"))
+            << named.err;
 #endif
 }
 

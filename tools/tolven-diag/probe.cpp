@@ -207,7 +207,7 @@ std::string probe_text(const Probe& p, int limit_ms) {
         case Probe::kHeld:
             return "not probed: " + p.detail;
         case Probe::kFailed:
-            return "not probed: " + p.detail;
+            return "could not be probed: " + p.detail;
     }
     return "";
 }
