@@ -309,6 +309,11 @@ struct Case {
     std::vector<std::string> auto_says;  // on standard output and error together
 };
 
+// The layout's name in test names and messages, not the bytes of the case.
+void PrintTo(const Case& c, std::ostream* os) {
+    *os << c.layout.name;
+}
+
 class Layouts : public ::testing::TestWithParam<Case> {};
 
 TEST_P(Layouts, ListProbeAndAuto) {
