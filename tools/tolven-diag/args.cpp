@@ -375,7 +375,7 @@ class Parser {
             return true;
         }
         fail(written + ": '" + printable(value) + "' is not a network address: " + why +
-             " (want tcp:HOST:PORT, or tcp:[IPV6]:PORT)");
+             "; want tcp:HOST:PORT, or tcp:[IPV6]:PORT");
         return false;
     }
 
@@ -396,8 +396,9 @@ class Parser {
         for (Id id : {kOptMdm, kOptOffline, kOptListPorts}) {
             if (given(id)) actions.push_back(seen_[id]);
         }
-        if (actions.size() > 1)
+        if (actions.size() > 1) {
             return fail(actions[0] + " and " + actions[1] + " exclude each other");
+        }
         if (actions.empty()) {
             return fail("no packet given (nor --mdm, --offline-log-dir or --list-ports)");
         }
