@@ -87,10 +87,6 @@ const UsbDevice kBoard = {"6", "3a5f", "0042", "Example Labs", "Sensor Board", "
 }};
 // clang-format on
 
-#ifdef TOLVEN_HAVE_UMOCKDEV
-
-const char kPci[] = "/devices/pci0000:00/0000:00:14.0/usb1";
-
 std::string by_id(const UsbDevice& d, const Interface& i) {
     std::string name = std::string(d.manufacturer) + "_" + d.product + "_" + d.serial;
     for (char& c : name) c = c == ' ' ? '_' : c;
@@ -99,6 +95,10 @@ std::string by_id(const UsbDevice& d, const Interface& i) {
              std::string(i.tty).rfind("ttyUSB", 0) == 0 ? "-port0" : "");
     return "/dev/serial/by-id/usb-" + name + tail;
 }
+
+#ifdef TOLVEN_HAVE_UMOCKDEV
+
+const char kPci[] = "/devices/pci0000:00/0000:00:14.0/usb1";
 
 // The device and its interfaces and ttys in umockdev's record format, leaf first.
 std::string describe(const UsbDevice& d) {
@@ -279,14 +279,6 @@ class Bed {
     std::vector<std::unique_ptr<pty_modem::Modem>> modems_;
 };
 
-#endif  // TOLVEN_HAVE_UMOCKDEV
-
-void skip_without_umockdev() {
-#ifndef TOLVEN_HAVE_UMOCKDEV
-    GTEST_SKIP() << "umockdev is not built in: " TOLVEN_NO_UMOCKDEV_WHY;
-#endif
-}
-
 std::vector<Json::Value> json_lines(const std::string& text) {
     std::vector<Json::Value> objects;
     std::istringstream in(text);
@@ -298,6 +290,14 @@ std::vector<Json::Value> json_lines(const std::string& text) {
         if (Json::parseFromStream(builder, l, &v, &errs)) objects.push_back(v);
     }
     return objects;
+}
+
+#endif  // TOLVEN_HAVE_UMOCKDEV
+
+void skip_without_umockdev() {
+#ifndef TOLVEN_HAVE_UMOCKDEV
+    GTEST_SKIP() << "umockdev is not built in: " TOLVEN_NO_UMOCKDEV_WHY;
+#endif
 }
 
 // One layout: what --list-ports --probe says of each port, and what --port auto does.
