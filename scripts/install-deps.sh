@@ -14,6 +14,7 @@ for g in "${groups[@]}"; do
             packages+=(build-essential cmake ninja-build binutils
                 googletest libgtest-dev libgmock-dev libbenchmark-dev ser2net
                 android-liblog-dev android-libbase-dev android-libziparchive-dev blueprint-tools pkgconf libjsoncpp-dev
+                libudev-dev umockdev libumockdev-dev
                 golang-go golang-android-soong-dev golang-github-google-blueprint-dev
                 golang-github-golang-protobuf-1-5-dev) ;;
         valgrind)
@@ -26,6 +27,7 @@ for g in "${groups[@]}"; do
             foreign_arch=arm64
             packages+=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user
                 android-liblog-dev:arm64 android-libbase-dev:arm64 android-libziparchive-dev:arm64 libjsoncpp-dev:arm64
+                libudev-dev:arm64
                 libgtest-dev:arm64 libgmock-dev:arm64 libbenchmark-dev:arm64) ;;
         *)
             echo "install-deps: unknown group '$g'" >&2

@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
+#include "port_holder.h"
 
 namespace {
 
@@ -172,23 +173,28 @@ TEST(PathsWritten, OnlyWhatTheProgramMade) {
     }
 }
 
+// A socket listening on a free loopback port; |*address| is "tcp:127.0.0.1:PORT", or "" when
+// it could not be set up.
+int loopback_listener(int backlog, sockaddr_in* a, std::string* address) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    a->sin_family = AF_INET;
+    a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof *a;
+    if (bind(fd, reinterpret_cast<sockaddr*>(a), sizeof *a) == 0 && listen(fd, backlog) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(a), &len) == 0) {
+        *address = "tcp:127.0.0.1:" + std::to_string(ntohs(a->sin_port));
+    }
+    return fd;
+}
+
 // A port on the network that is no modem: it sends back what it gets, or nothing, or noise.
 class TcpPeer {
   public:
     enum Kind { kEcho, kSilent, kNoise };
     explicit TcpPeer(Kind kind) : kind_(kind) {
-        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof a;
-        if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-            listen(listener_, 4) != 0 ||
-            getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-            return;
-        }
-        address_ = "tcp:127.0.0.1:" + std::to_string(ntohs(a.sin_port));
-        thread_ = std::thread([this] { serve(); });
+        listener_ = loopback_listener(4, &a, &address_);
+        if (!address_.empty()) thread_ = std::thread([this] { serve(); });
     }
     ~TcpPeer() {
         done_ = true;
@@ -225,21 +231,78 @@ class TcpPeer {
     std::thread thread_;
 };
 
+// A TCP port that takes no more connections: its accept queue is full and nobody accepts, so a
+// connection's handshake is never answered, as with a machine that drops it.
+class FullListener {
+  public:
+    FullListener() {
+        sockaddr_in a{};
+        listener_ = loopback_listener(0, &a, &address_);
+        for (int i = 0; i < 2 && !address_.empty(); ++i) {
+            int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            (void)!connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a);
+            clients_.push_back(c);
+        }
+    }
+    ~FullListener() {
+        for (int c : clients_) close(c);
+        close(listener_);
+    }
+    const std::string& address() const { return address_; }
+
+  private:
+    int listener_ = -1;
+    std::vector<int> clients_;
+    std::string address_;
+};
+
+// A pseudo-terminal of this process: a serial device that a test can lock, or keep from a user.
+struct Pty {
+    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    std::string path;
+    Pty() {
+        char name[128];
+        if (master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0 &&
+            ptsname_r(master, name, sizeof name) == 0) {
+            path = name;
+        }
+    }
+    ~Pty() {
+        if (master >= 0) close(master);
+    }
+};
+
 // What the tool says when a port is no modem or a send cannot go out: the cause, on standard
-// output or standard error, without --verbose.
+// output or standard error, without --verbose, and with the fix where there is one.
 TEST(FailuresSaid, TheCauseWhereTheUserLooks) {
+    Scratch s;
     TcpPeer echo(TcpPeer::kEcho);
-    ASSERT_FALSE(echo.address().empty());
+    FullListener full;
+    Pty locked, guarded;
     TcpPeer silent(TcpPeer::kSilent), noise(TcpPeer::kNoise);
     // Leaves every third request unanswered: the next one's answer must not be lost to it.
     ModemProcess lossy(TOLVEN_DIAG_MODEM, {"--unanswered-every", "3"});
     ModemProcess garbage(TOLVEN_DIAG_MODEM, {"--garbage"});
-    ASSERT_FALSE(lossy.path().empty() || garbage.path().empty());
+    ASSERT_FALSE(echo.address().empty() || full.address().empty() || locked.path.empty() ||
+                 guarded.path.empty() || lossy.path().empty() || garbage.path().empty());
+    PortHolder holder(locked.path, true);
+    ASSERT_TRUE(holder.holding());
+    const std::string holder_name = "process " + std::to_string(holder.pid());
+    // Kept from the user: as root, by running the tool as nobody; else by taking every right.
+    const bool root = geteuid() == 0;
+    ASSERT_EQ(0, chmod(guarded.path.c_str(), root ? 0660 : 0));
+    if (root) {
+        ASSERT_EQ(0, chown(guarded.path.c_str(), 0, 20));  // dialout on Debian
+    }
+    const std::string as_user = root ? "setpriv --reuid=65534 --regid=65534 --clear-groups" : "";
+    const std::string file = s.write("notes.txt", "not a port\n");
+    const std::string refused = "tcp:127.0.0.1:1";
     struct Row {
         const char* name;
         std::vector<std::string> args;
         int exit_code;
         std::string said;  // in standard output and error together
+        std::string prefix = "";
     };
     const Row rows[] = {
             {"a port that echoes",
@@ -264,12 +327,78 @@ TEST(FailuresSaid, TheCauseWhereTheUserLooks) {
              {"--port", lossy.path(), "--count", "7", "--interval", "0", "-t", "200", "1c"},
              1,
              "summary: 7 sent, 5 answered, 2 timed out"},
+            {"connection refused",
+             {"--port", refused, "00"},
+             1,
+             "a diag library call failed after %: cannot connect to " + refused +
+                     ": Connection refused; nothing listens there"},
+            {"connection refused, --mdm",
+             {"--mdm", "--port", refused},
+             0,
+             "warning: cannot connect to " + refused + ": Connection refused"},
+            {"connection timed out",
+             {"--port", full.address(), "00"},
+             1,
+             "cannot connect to " + full.address() +
+                     ": connection timed out: no answer within 3000 ms; check the address"},
+            {"unknown host", {"--port", "tcp:nohost.invalid:12", "00"}, 1, "host nohost.invalid ("},
+            {"no such device",
+             {"--port", "/dev/ttyUSB99", "00"},
+             1,
+             "no such device: /dev/ttyUSB99 (unplugged, or renamed; --list-ports shows"},
+            {"not a serial device: a character device",
+             {"--port", "/dev/null", "00"},
+             1,
+             "not a serial device: /dev/null takes no terminal settings"},
+            {"not a serial device: a directory",
+             {"--port", s.dir, "00"},
+             1,
+             "not a serial device: " + s.dir + " is a directory"},
+            {"not a serial device: a file",
+             {"--port", file, "00"},
+             1,
+             "not a serial device: " + file + " is a regular file"},
+            {"permission denied",
+             {"--port", guarded.path, "00"},
+             1,
+             "permission denied on " + guarded.path +
+                     (root ? ", which is for the group dialout: add yourself to it (sudo usermod "
+                             "-aG dialout nobody, then log in again), or"
+                           : ":") +
+                     " give yourself the port with a udev rule",
+             as_user},
+            {"busy",
+             {"--port", locked.path, "-t", "300", "00"},
+             1,
+             "the port " + locked.path + " was busy: " + holder_name},
+            {"a malformed address", {"--port", "tcp:1.2.3", "00"}, 2, "no ':PORT' after the host"},
+            {"a port out of range",
+             {"--port", "tcp:[::1]:99999", "00"},
+             2,
+             "the port 99999 is out of range (1 to 65535)"},
+            {"a bare IPv6 address",
+             {"--mdm", "--port", "tcp:::1:5"},
+             2,
+             "an IPv6 address goes in brackets"},
+            {"a malformed LIBDIAG_PORT",
+             {"00"},
+             2,
+             "LIBDIAG_PORT: 'tcp:host' is not a network address",
+             "LIBDIAG_PORT=tcp:host"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        ChildOutcome r = run_program(TOLVEN_DIAG_TOOL, row.args, "", 30);
+        ChildOutcome r = run_program(TOLVEN_DIAG_TOOL, row.args, row.prefix, 30);
         EXPECT_EQ(row.exit_code, r.exit_code) << r.out << r.err;
-        EXPECT_NE(std::string::npos, (r.out + r.err).find(row.said)) << r.out << r.err;
+        // '%' stands for the milliseconds.
+        const std::string said = row.said.substr(0, row.said.find('%'));
+        const std::string rest = row.said.find('%') == std::string::npos
+                                         ? ""
+                                         : row.said.substr(row.said.find('%') + 1);
+        const std::string all = r.out + r.err;
+        EXPECT_NE(std::string::npos, all.find(said)) << r.out << r.err;
+        EXPECT_NE(std::string::npos, all.find(rest)) << r.out << r.err;
+        EXPECT_EQ(std::string::npos, all.find("--verbose shows")) << r.out << r.err;
     }
 }
 
@@ -290,8 +419,8 @@ TEST(FailuresSaid, AWorkerThatFails) {
              {"-n", "--port", "/nonexistent/tty", "1c"},
              "",
              1,
-             "the worker's Diag_LSM_Init failed: no connection to the diag service; the port "
-             "/nonexistent/tty: No such file"},
+             "the worker's Diag_LSM_Init failed: no connection to the diag service; no such "
+             "device: /nonexistent/tty"},
             {"a refused network port",
              {"-n", "-m", "callback", "--port", "tcp:127.0.0.1:1", "1c"},
              "",

@@ -72,7 +72,7 @@ bool have_modem_data() {
 const Case kCases[] = {
     // Usage: conflicting and idle options, numbers, hex.
     {"NoPacket", {}, "", "", 2, "",
-     "no packet given (nor --mdm or --offline-log-dir)\nTry 'tolven-diag --help'"},
+     "no packet given (nor --mdm, --offline-log-dir, --list-ports or --read-log)\nTry 'tolven-diag --help'"},
     {"UnknownOption", {"--bogus", "00"}, "", "", 2, "", "unknown option --bogus"},
     {"NoWaitTimeout", {"-n", "-t", "500", "00"}, "", "", 2, "", "-t does not apply with -n"},
     {"NoWaitCapacity", {"-n", "-c", "8", "00"}, "", "", 2, "", "-c does not apply with -n"},
@@ -84,6 +84,12 @@ const Case kCases[] = {
     {"PropWithPacket", {"--prop", "a=b", "00"}, "", "", 2, "", "--prop needs --offline-log-dir"},
     {"IntervalAlone", {"--interval", "5", "00"}, "", "", 2, "", "--interval needs --count"},
     {"PacketAndMdm", {"00", "--mdm"}, "", "", 2, "", "a packet and --mdm exclude each other"},
+    {"ListPortsAndMdm", {"--mdm", "--list-ports"}, "", "", 2, "", "--mdm and --list-ports exclude each other"},
+    {"ProbeAlone", {"--probe", "00"}, "", "", 2, "", "--probe needs --list-ports"},
+    {"ListPortsTimeout", {"--list-ports", "-t", "500"}, "", "", 2, "", "-t needs --probe with --list-ports"},
+    {"ProbeTimeoutZero", {"--list-ports", "--probe", "-t", "0"}, "", "", 2, "",
+     "-t with --probe: 0 is out of range (1 to 60000)"},
+    {"ListPortsPort", {"--list-ports", "--port", "auto"}, "", "", 2, "", "--port does not apply to --list-ports"},
     {"TimeoutNegative", {"-t", "-5", "00"}, "", "", 2, "", "-t: -5 is out of range"},
     {"TimeoutHuge", {"-t", "99999999999999", "00"}, "", "", 2, "",
      "-t: 99999999999999 is out of range (0 to 2147483647)"},
@@ -155,7 +161,7 @@ const Case kCases[] = {
      "libdiag: cannot open diag port tcp:127.0.0.1:1: Connection refused"},
     {"PortMissing", {"--mdm", "--port", "/nonexistent/tty"}, "", "", 0,
      "remote modem: absent, port /nonexistent/tty\n",
-     "warning: the port /nonexistent/tty: No such file or directory"},
+     "warning: no such device: /nonexistent/tty"},
 
     // JSON wherever the mode has a result, with the same keys in every send object.
     {"JsonVersion", {"--json", "--version"}, "", "", 0, "{\"libdiag\":{\"build_id\":", ""},

@@ -139,6 +139,11 @@ class FdLink : public Link {
         return port_ != nullptr && port_->others_waiting();
     }
 
+    std::string caveat() const override {
+        std::lock_guard<std::mutex> lk(mu_);
+        return port_ != nullptr ? port_->caveat() : "";
+    }
+
     void linger(Clock::time_point until) override {
         std::lock_guard<std::mutex> lk(mu_);
         lingering_ = true;
@@ -253,7 +258,7 @@ class FdLink : public Link {
             *why = "after the lock: " + error_text(error);
             return false;
         }
-        sink_->on_ready();
+        sink_->on_ready(port_->caveat());
         std::lock_guard<std::mutex> lk(mu_);
         if (!out_.empty()) out_.flush(port_->fd());  // a failure is reported at the loop top
         return true;
@@ -305,10 +310,6 @@ class FdLink : public Link {
 };
 
 }  // namespace
-
-bool is_tcp_address(const std::string& address) {
-    return address.rfind("tcp:", 0) == 0;
-}
 
 std::unique_ptr<Link> open_link(const std::string& address, long baud, LinkSink* sink,
                                 std::string* error) {

@@ -11,13 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "address.h"
+
 namespace diag_port {
 
 class LinkSink {
   public:
     virtual void on_bytes(const uint8_t* data, size_t n) = 0;
-    // The port is ours now, after waiting for another process to let go of it.
-    virtual void on_ready() = 0;
+    // The port is ours now, after waiting for another process to let go of it; |caveat| is
+    // LinkPort::caveat().
+    virtual void on_ready(const std::string& caveat) = 0;
     // The link failed for good (unplugged, hung up, connection closed); |why| says how.
     virtual void on_gone(const std::string& why) = 0;
     // The port took no bytes for a while; |bytes| not written were dropped.
@@ -40,6 +43,8 @@ class Link {
     virtual std::string waiting_for() const = 0;
     // Whether another process waits for the port's lock (a device's only).
     virtual bool others_waiting() const = 0;
+    // Once the port is ours: what is less than usual about it (LinkPort::caveat()), or "".
+    virtual std::string caveat() const = 0;
     // Keeps the port open and idle until |until|, for a connection that may follow, and then
     // closes it, quietly. resume() takes it back; false when it has closed or gone meanwhile.
     virtual void linger(std::chrono::steady_clock::time_point until) = 0;
@@ -66,6 +71,9 @@ class LinkPort {
     }
     // Whether another process waits for the port.
     virtual bool others_waiting() const { return false; }
+    // Once the port is ours: what is less than usual about it (a device that could not be made
+    // exclusive), or "".
+    virtual std::string caveat() const { return ""; }
     // Why a read of nothing ends the link.
     virtual const char* end_of_file() const = 0;
 };
@@ -74,7 +82,7 @@ class LinkPort {
 constexpr std::chrono::milliseconds kWriteLimit{1000};
 
 // "tcp:HOST:PORT" (IPv6 as "tcp:[ADDRESS]:PORT") names a TCP port; anything else a device.
-bool is_tcp_address(const std::string& address);
+using diag_wire::is_tcp_address;
 
 // Opens the port at |address|, a device at |baud| (serial_device.h) or a TCP port
 // (tcp_port.h); nullptr with the reason in |*error|. A device whose lock another process holds

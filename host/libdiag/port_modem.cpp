@@ -50,8 +50,14 @@ class PortModem::Connection final : public diag_port::LinkSink, public diag_wire
         foreign_seen_ = foreign;
     }
 
-    void on_ready() override {
+    void on_ready(const std::string& caveat) override {
         port_->sink_->trace("port %s: the lock is ours now", port_->address_.c_str());
+        trace_caveat(caveat);
+    }
+
+    void trace_caveat(const std::string& caveat) {
+        if (!caveat.empty())
+            port_->sink_->trace("port %s: %s", port_->address_.c_str(), caveat.c_str());
     }
 
     void on_gone(const std::string& why) override {
@@ -211,6 +217,7 @@ bool PortModem::open(long baud, std::string* error) {
     }
     ConnectionPtr c(new Connection(this, session));
     if (!c->open(baud, error)) return false;
+    if (c->link().waiting_for().empty()) c->trace_caveat(c->link().caveat());
     std::lock_guard<std::mutex> lk(mu_);
     note_.clear();
     ++stats_.opens;

@@ -23,18 +23,8 @@ int pty_master_index(const std::string& pid, const std::string& fd) {
     return -1;
 }
 
-}  // namespace
-
-std::string process_name(int pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
-    std::string name;
-    std::getline(in, name);
-    return "process " + std::to_string(pid) + (name.empty() ? "" : " (" + name + ")");
-}
-
-int lock_holder(int fd) {
-    struct stat st;
-    if (fstat(fd, &st) != 0) return 0;
+// The process other than this one whose flock(2) lock /proc/locks lists for the file |st|.
+int lock_holder_of(const struct stat& st) {
     std::ifstream in("/proc/locks");
     std::string line;
     while (std::getline(in, line)) {
@@ -51,6 +41,25 @@ int lock_holder(int fd) {
         }
     }
     return 0;
+}
+
+}  // namespace
+
+std::string process_name(int pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
+    std::string name;
+    std::getline(in, name);
+    return "process " + std::to_string(pid) + (name.empty() ? "" : " (" + name + ")");
+}
+
+int lock_holder(int fd) {
+    struct stat st;
+    return fstat(fd, &st) == 0 ? lock_holder_of(st) : 0;
+}
+
+int lock_holder(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? lock_holder_of(st) : 0;
 }
 
 std::vector<std::string> other_users(const std::string& path) {

@@ -14,6 +14,8 @@ std::string process_name(int pid);
 // nobody does, or /proc/locks does not tell. Reading /proc/locks can stall for milliseconds:
 // only for a port found busy.
 int lock_holder(int fd);
+// The same for the device at |path|, without opening it.
+int lock_holder(const std::string& path);
 
 // Processes other than this one that have the device at |path| open. The master side of a pty
 // is the modem playing the port, not another user of it, and is left out.

@@ -58,9 +58,18 @@ bool make_raw(int fd, speed_t speed) {
 }
 
 // Once the lock is ours: exclusive, raw, and nothing left of an earlier owner's session. A
-// device's settings are shared by every opener, so they are made only now.
-bool claim(int fd, speed_t speed) {
-    return ioctl(fd, TIOCEXCL) == 0 && make_raw(fd, speed) && tcflush(fd, TCIOFLUSH) == 0;
+// device's settings are shared by every opener, so they are made only now. The exclusive-open
+// flag is a second guard beside the lock: a terminal that does not take it (ENOTTY, as faked
+// ones) is used under the lock alone, and |*caveat| says so.
+bool claim(int fd, speed_t speed, std::string* caveat) {
+    termios t;
+    if (ioctl(fd, TIOCEXCL) != 0) {
+        // Not a terminal at all (/dev/null) fails here; a faked one takes termios calls.
+        if (errno != ENOTTY || tcgetattr(fd, &t) != 0) return false;
+        *caveat = "not exclusive (TIOCEXCL: " + std::string(strerror(ENOTTY)) +
+                  "); used under its lock alone";
+    }
+    return make_raw(fd, speed) && tcflush(fd, TCIOFLUSH) == 0;
 }
 
 // A device that waits for its lock says so with a read lock on its first byte, an open file
@@ -139,7 +148,8 @@ std::unique_ptr<SerialDevice> SerialDevice::open(const std::string& path, long b
     }
     bool locked = flock(fd, LOCK_EX | LOCK_NB) == 0;
     int waiter_fd = -1;
-    if (locked ? !claim(fd, speed)
+    std::string caveat;
+    if (locked ? !claim(fd, speed, &caveat)
                : errno != EWOULDBLOCK || (waiter_fd = fcntl(fd, F_DUPFD_CLOEXEC, 0)) < 0) {
         *error = strerror(errno);
         close(fd);
@@ -150,8 +160,10 @@ std::unique_ptr<SerialDevice> SerialDevice::open(const std::string& path, long b
         int pid = lock_holder(fd);
         holder = pid > 0 ? process_name(pid) : "another process";
     }
-    return std::unique_ptr<SerialDevice>(
+    auto device = std::unique_ptr<SerialDevice>(
             new SerialDevice(path, fd, speed, std::move(holder), waiter_fd));
+    device->caveat_ = std::move(caveat);
+    return device;
 }
 
 SerialDevice::SerialDevice(std::string path, int fd, speed_t speed, std::string holder,
@@ -170,8 +182,8 @@ SerialDevice::~SerialDevice() {
     }
     if (waiter_fd_ >= 0) close(waiter_fd_);
     // Exclusive use lasts as long as the terminal stays open, and another process (the modem
-    // itself, on a pty) may hold it open after us.
-    ioctl(fd_, TIOCNXCL);
+    // itself, on a pty) may hold it open after us. Never cleared for the holder of the lock.
+    if (held_) ioctl(fd_, TIOCNXCL);
     // Watched from a descriptor that holds no lock until the waiter has taken it.
     int watch = -1;
     if (held_ && others_wait(fd_)) {
@@ -204,7 +216,7 @@ bool SerialDevice::take(int* error) {
         if (!lock_wait_->locked) return false;
     }
     held_ = true;
-    if (!claim(fd_, speed_)) *error = errno;
+    if (!claim(fd_, speed_, &caveat_)) *error = errno;
     return true;
 }
 

@@ -23,7 +23,8 @@ class SerialDevice final : public LinkPort {
     // Opens the device at |path|; nullptr with the reason in |*error| (for a device opened
     // exclusively, also who has it open). Once its lock is ours the device is made exclusive,
     // raw 8N1 at |baud|, and emptied of an earlier owner's bytes; until then holder() names
-    // the process that has the lock.
+    // the process that has the lock. A device that cannot be made exclusive (a faked one) is
+    // used under its lock alone, and caveat() says so.
     static std::unique_ptr<SerialDevice> open(const std::string& path, long baud,
                                               std::string* error);
     // Closes the device. When the lock was ours and another process waits for it, waits a
@@ -40,6 +41,7 @@ class SerialDevice final : public LinkPort {
     // Whether another process waits for the lock, as this device does while it waits.
     bool others_waiting() const override;
     const char* end_of_file() const override { return "end of file"; }
+    std::string caveat() const override { return caveat_; }
 
   private:
     struct LockWait;
@@ -50,8 +52,9 @@ class SerialDevice final : public LinkPort {
     const int fd_;
     const speed_t speed_;
     const std::string holder_;
-    int waiter_fd_;  // the same open file, to wait for the lock on; -1 once waiting
-    bool held_;      // the lock is ours
+    int waiter_fd_;       // the same open file, to wait for the lock on; -1 once waiting
+    bool held_;           // the lock is ours
+    std::string caveat_;  // set when the lock becomes ours
     std::shared_ptr<LockWait> lock_wait_;
 };
 

@@ -9,7 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "text.h"
+#include "address.h"
 
 namespace diag_port {
 namespace {
@@ -24,26 +24,6 @@ class TcpPort final : public LinkPort {
   private:
     const int fd_;
 };
-
-bool split_tcp(const std::string& address, std::string* host, std::string* port) {
-    std::string rest = address.substr(4);
-    size_t colon;
-    if (!rest.empty() && rest[0] == '[') {
-        size_t close = rest.find(']');
-        if (close == std::string::npos || close + 1 >= rest.size() || rest[close + 1] != ':') {
-            return false;
-        }
-        *host = rest.substr(1, close - 1);
-        colon = close + 1;
-    } else {
-        colon = rest.rfind(':');
-        if (colon == std::string::npos) return false;
-        *host = rest.substr(0, colon);
-    }
-    *port = rest.substr(colon + 1);
-    long long n = 0;
-    return !host->empty() && diag_wire::parse_number(*port, &n) && n > 0 && n <= 65535;
-}
 
 // Connects within kConnectLimit; -1 with the reason in |*error|.
 int connect_within(const addrinfo* ai, std::string* error) {
@@ -70,9 +50,9 @@ int connect_within(const addrinfo* ai, std::string* error) {
         }
     }
     if (err != 0) {
-        *error = err == ETIMEDOUT
-                         ? "no answer within " + std::to_string(kConnectLimit.count()) + " ms"
-                         : strerror(err);
+        *error = err == ETIMEDOUT ? "connection timed out: no answer within " +
+                                            std::to_string(kConnectLimit.count()) + " ms"
+                                  : strerror(err);
         close(fd);
         return -1;
     }
@@ -85,17 +65,24 @@ int connect_within(const addrinfo* ai, std::string* error) {
 }  // namespace
 
 std::unique_ptr<LinkPort> connect_tcp(const std::string& address, std::string* error) {
-    std::string host, port;
-    if (!split_tcp(address, &host, &port)) {
-        *error = "not an address: want tcp:HOST:PORT or tcp:[IPV6]:PORT";
+    diag_wire::TcpAddress where;
+    std::string why;
+    if (!diag_wire::parse_tcp_address(address, &where, &why)) {
+        *error = "not an address (" + why + "): want tcp:HOST:PORT or tcp:[IPV6]:PORT";
         return nullptr;
     }
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* list = nullptr;
-    int rc = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
+    int rc = getaddrinfo(where.host.c_str(), std::to_string(where.port).c_str(), &hints, &list);
     if (rc != 0) {
-        *error = gai_strerror(rc);
+        if (rc == EAI_NONAME || rc == EAI_FAIL || rc == EAI_NODATA || rc == EAI_ADDRFAMILY) {
+            *error = "unknown host " + where.host + " (" + gai_strerror(rc) + ")";
+        } else if (rc == EAI_AGAIN) {
+            *error = "cannot look up the host " + where.host + " (" + gai_strerror(rc) + ")";
+        } else {
+            *error = gai_strerror(rc);
+        }
         return nullptr;
     }
     int fd = -1;

@@ -99,6 +99,11 @@ ChildOutcome run_program_interrupted(const std::string& program,
 ModemProcess::ModemProcess(const std::string& program, const std::vector<std::string>& options) {
     std::vector<std::string> words = emulated({program});
     words.insert(words.end(), options.begin(), options.end());
+    // Made before the fork: the child of a process with threads (a sanitizer's among them) must
+    // not allocate before exec.
+    std::vector<char*> argv;
+    for (std::string& w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
     int out[2];
     if (pipe(out) != 0) return;
     pid_ = fork();
@@ -106,9 +111,6 @@ ModemProcess::ModemProcess(const std::string& program, const std::vector<std::st
         dup2(out[1], STDOUT_FILENO);
         close(out[0]);
         close(out[1]);
-        std::vector<char*> argv;
-        for (std::string& w : words) argv.push_back(w.data());
-        argv.push_back(nullptr);
         execvp(argv[0], argv.data());
         _exit(127);
     }

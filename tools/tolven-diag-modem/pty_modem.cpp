@@ -238,11 +238,28 @@ struct Modem::Impl final : diag_wire::FrameSink {
 
 std::unique_ptr<Modem> Modem::open(Options options, std::string* error) {
     int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
+        *error = std::string("cannot open a pseudo-terminal: ") + strerror(errno);
+        if (master >= 0) close(master);
+        return nullptr;
+    }
+    return serve_master(master, std::move(options), error);
+}
+
+std::unique_ptr<Modem> Modem::adopt(int master, Options options, std::string* error) {
+    int own = fcntl(master, F_DUPFD_CLOEXEC, 0);
+    if (own < 0) {
+        *error = std::string("cannot take the pseudo-terminal: ") + strerror(errno);
+        return nullptr;
+    }
+    return serve_master(own, std::move(options), error);
+}
+
+std::unique_ptr<Modem> Modem::serve_master(int master, Options options, std::string* error) {
     char name[128];
     int slave = -1, wake = -1;
     termios t;
-    bool ok = master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0 &&
-              ptsname_r(master, name, sizeof name) == 0 &&
+    bool ok = ptsname_r(master, name, sizeof name) == 0 &&
               (slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC)) >= 0 &&
               tcgetattr(slave, &t) == 0;
     if (ok) {

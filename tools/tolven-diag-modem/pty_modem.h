@@ -50,6 +50,9 @@ class Modem {
   public:
     // Opens a pty pair; nullptr with the reason in |*error|.
     static std::unique_ptr<Modem> open(Options options, std::string* error);
+    // Serves on the pty whose master side |master| is, as another owner hands it over (a test
+    // bed that fakes a device on a pty); the modem works on a copy of it, which it closes.
+    static std::unique_ptr<Modem> adopt(int master, Options options, std::string* error);
     ~Modem();
     Modem(const Modem&) = delete;
     Modem& operator=(const Modem&) = delete;
@@ -70,6 +73,7 @@ class Modem {
 
   private:
     struct Impl;
+    static std::unique_ptr<Modem> serve_master(int master, Options options, std::string* error);
     Modem(std::string path, int master, int slave, int wake, Options options);
 
     const std::string path_;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "address.h"
 #include "framing.h"
 #include "text.h"
 
@@ -32,6 +33,9 @@ enum Id {
     kOptAnswers,
     kOptHelp,
     kOptVersion,
+    kOptListPorts,
+    kOptAll,
+    kOptProbe,
     kOptCount_,
 };
 
@@ -63,6 +67,9 @@ constexpr OptionDef kOptionTable[] = {
         {kOptAnswers, "answers", 0, true},
         {kOptHelp, "help", 'h', false},
         {kOptVersion, "version", 0, false},
+        {kOptListPorts, "list-ports", 0, false},
+        {kOptAll, "all", 0, false},
+        {kOptProbe, "probe", 0, false},
 };
 
 const char kUsage[] =
@@ -74,6 +81,7 @@ const char kUsage[] =
         "       tolven-diag [--prop KEY=VALUE]... --offline-log-dir DATE [--out-dir DIR]\n"
         "                   [--json] [-v]\n"
         "       tolven-diag --read-log FILE [--answers OUT] [--json] [--raw]\n"
+        "       tolven-diag --list-ports [--all] [--probe [-t MS]] [--json]\n"
         "       tolven-diag -h | --help | --version [--json]\n"
         "\n"
         "Sends one diag command packet to the modem through libtolven_diag and prints the\n"
@@ -105,8 +113,9 @@ const char kUsage[] =
         "      --linger MS        with --no-wait: wait MS (0 to 600000) after the call\n"
         "                         before exiting (default: until the worker has ended)\n"
         "      --port PORT        use the modem on the diag port PORT: a serial\n"
-        "                         device, or tcp:HOST:PORT for one shared on the\n"
-        "                         network (sets LIBDIAG_PORT for the diag library)\n"
+        "                         device, tcp:HOST:PORT for one shared on the\n"
+        "                         network (sets LIBDIAG_PORT for the diag library),\n"
+        "                         or auto: the one USB port that answers a probe\n"
         "      --framing F        with --port: hdlc (default) or nhdlc, for a modem\n"
         "                         left in non-HDLC framing (sets LIBDIAG_FRAMING)\n"
         "      --mdm              tell whether a remote modem is present\n"
@@ -116,6 +125,12 @@ const char kUsage[] =
         "      --out-dir DIR      directory handed to that update (default empty)\n"
         "      --prop KEY=VALUE   set a system property first (repeatable); an\n"
         "                         empty VALUE unsets it\n"
+        "      --list-ports       list the serial ports that could be a modem's (USB\n"
+        "                         serial and CDC-ACM), with who else holds each\n"
+        "      --all              with --list-ports: every serial device\n"
+        "      --probe            with --list-ports: send one diag request to each\n"
+        "                         free port, in HDLC then non-HDLC, and show which\n"
+        "                         answered; -t sets the wait, 1 to 60000 (default 300)\n"
         "  -v, --verbose          show the library's trace lines on standard output\n"
         "                         (on standard error with --json)\n"
         "      --read-log FILE    read the library's log back (logcat, a bugreport .txt\n"
@@ -135,11 +150,14 @@ const char kUsage[] =
         "  tolven-diag -v -n 1c                fire and forget, watch the worker's trace\n"
         "  tolven-diag 98 01 00 00 01 00 00 00 7c   build id of subscription 1\n"
         "  tolven-diag --port tcp:lab1:3333 00      a modem shared on the network\n"
+        "  tolven-diag --list-ports --probe    which port is the modem's diag port\n"
+        "  tolven-diag --port auto 7c          the port that answered, its build id\n"
         "  tolven-diag --mdm\n"
         "  adb logcat -d | tolven-diag --read-log -   what the library did on a phone\n"
         "\n"
-        "Exit status: 0 success; 1 the send was refused, failed or timed out, or a\n"
-        "property, the output or the offline-log directories failed; 2 bad usage.\n";
+        "Exit status: 0 success; 1 the send was refused, failed or timed out, a\n"
+        "property, the output or the offline-log directories failed, or --port auto\n"
+        "found no port or several; 2 bad usage.\n";
 
 // Appends the bytes of one argument; groups are separated by blanks, ':' or ','.
 bool parse_hex_arg(const std::string& arg, std::vector<uint8_t>* out, std::string* error) {
@@ -304,6 +322,7 @@ class Parser {
                     fail(written + ": empty path");
                     return false;
                 }
+                if (!port_address_ok(written, value)) return false;
                 o_->port = value;
                 return true;
             case kOptFraming: {
@@ -356,9 +375,26 @@ class Parser {
                 o_->action = Action::kVersion;
                 done_ = true;
                 return true;
+            case kOptListPorts:
+            case kOptAll:
+            case kOptProbe:
+                return true;
             case kOptCount_:
                 break;
         }
+        return false;
+    }
+
+    // A tcp: address must be well formed; a device path is for the diag library to try.
+    bool port_address_ok(const std::string& written, const std::string& value) {
+        diag_wire::TcpAddress address;
+        std::string why;
+        if (!diag_wire::is_tcp_address(value) ||
+            diag_wire::parse_tcp_address(value, &address, &why)) {
+            return true;
+        }
+        fail(written + ": '" + printable(value) + "' is not a network address: " + why +
+             "; want tcp:HOST:PORT, or tcp:[IPV6]:PORT");
         return false;
     }
 
@@ -375,22 +411,28 @@ class Parser {
     int check(bool packet) {
         if (given(kOptReadLog)) return check_read_log(packet);
         if (given(kOptAnswers)) return fail(seen_[kOptAnswers] + " needs --read-log");
+        // Exactly one action: a packet, --mdm, --offline-log-dir or --list-ports.
+        std::vector<std::string> actions;
+        if (packet) actions.push_back("a packet");
+        for (Id id : {kOptMdm, kOptOffline, kOptListPorts}) {
+            if (given(id)) actions.push_back(seen_[id]);
+        }
+        if (actions.size() > 1) {
+            return fail(actions[0] + " and " + actions[1] + " exclude each other");
+        }
+        if (actions.empty()) {
+            return fail(
+                    "no packet given (nor --mdm, --offline-log-dir, --list-ports or --read-log)");
+        }
         const std::string mdm = seen_[kOptMdm];
         const std::string offline = seen_[kOptOffline];
-        if (packet && given(kOptMdm)) return fail("a packet and " + mdm + " exclude each other");
-        if (packet && given(kOptOffline)) {
-            return fail("a packet and " + offline + " exclude each other");
-        }
-        if (given(kOptMdm) && given(kOptOffline)) {
-            return fail(mdm + " and " + offline + " exclude each other");
-        }
-        if (!packet && !given(kOptMdm) && !given(kOptOffline)) {
-            return fail("no packet given (nor --mdm or --offline-log-dir)");
-        }
+        std::string stray = first_given({kOptAll, kOptProbe});
+        if (!stray.empty() && !given(kOptListPorts)) return fail(stray + " needs --list-ports");
+        if (given(kOptListPorts)) return check_list_ports();
 
         // Options of the one action they serve.
-        std::string stray = first_given({kOptMode, kOptTimeout, kOptCapacity, kOptNoWait,
-                                         kOptLinger, kOptCount, kOptInterval, kOptRaw});
+        stray = first_given({kOptMode, kOptTimeout, kOptCapacity, kOptNoWait, kOptLinger, kOptCount,
+                             kOptInterval, kOptRaw});
         if (!packet && !stray.empty()) {
             return fail(stray + " does not apply to " + (given(kOptMdm) ? mdm : offline));
         }
@@ -402,6 +444,7 @@ class Parser {
             return fail(seen_[kOptFraming] + " needs --port (or LIBDIAG_PORT)");
         }
         if (!given(kOptPort) && !given(kOptOffline) && !env_port_.empty()) {
+            if (!port_address_ok("LIBDIAG_PORT", env_port_)) return kExitUsage;
             o_->port = env_port_;
             o_->port_from_env = true;
         }
@@ -444,6 +487,27 @@ class Parser {
             }
         }
         o_->action = Action::kReadLog;
+        return kExitOk;
+    }
+
+    // --list-ports takes --all, --json and with --probe a time-out for each probe.
+    int check_list_ports() {
+        const std::string list = seen_[kOptListPorts];
+        std::string stray = first_given({kOptMode, kOptCapacity, kOptNoWait, kOptLinger, kOptCount,
+                                         kOptInterval, kOptRaw, kOptPort, kOptFraming, kOptOutDir,
+                                         kOptProp, kOptVerbose});
+        if (!stray.empty()) return fail(stray + " does not apply to " + list);
+        if (given(kOptTimeout) && !given(kOptProbe)) {
+            return fail(seen_[kOptTimeout] + " needs --probe with " + list);
+        }
+        if (given(kOptTimeout) && (o_->timeout_ms < 1 || o_->timeout_ms > kMaxProbeMs)) {
+            return fail(seen_[kOptTimeout] + " with --probe: " + std::to_string(o_->timeout_ms) +
+                        " is out of range (1 to " + std::to_string(kMaxProbeMs) + ")");
+        }
+        o_->action = Action::kListPorts;
+        o_->all_ports = given(kOptAll);
+        o_->probe = given(kOptProbe);
+        o_->probe_ms = given(kOptTimeout) ? o_->timeout_ms : kDefaultProbeMs;
         return kExitOk;
     }
 

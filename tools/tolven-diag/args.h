@@ -26,8 +26,13 @@ constexpr int kMaxLingerMs = 600000;
 constexpr int kMaxCount = 1000000;
 constexpr int kDefaultIntervalMs = 1000;
 constexpr int kMaxIntervalMs = 3600000;
+// How long a probe of a port waits for an answer, in each framing.
+constexpr int kDefaultProbeMs = 300;
+constexpr int kMaxProbeMs = 60000;
+// --port auto: the one port that answers a probe.
+constexpr char kAutoPort[] = "auto";
 
-enum class Action { kSend, kNoWait, kMdm, kOfflineLogDir, kReadLog, kHelp, kVersion };
+enum class Action { kSend, kNoWait, kMdm, kOfflineLogDir, kListPorts, kReadLog, kHelp, kVersion };
 
 struct Options {
     Action action = Action::kSend;
@@ -43,11 +48,15 @@ struct Options {
     bool json = false;
     std::string port;            // empty: not given
     bool port_from_env = false;  // |port| is LIBDIAG_PORT's, not --port's
+    bool port_auto = false;      // |port| and |framing| are what --port auto found
     std::string framing;         // "hdlc" or "nhdlc"; empty: not given
     std::string offline_date;
     std::string out_dir;
     std::vector<std::pair<std::string, std::string>> props;
     std::vector<uint8_t> packet;
+    bool all_ports = false;  // --list-ports --all: every serial device, not only USB ones
+    bool probe = false;
+    int probe_ms = kDefaultProbeMs;
     std::string read_log;     // --read-log: the log to read; "-" is standard input
     std::string answers_out;  // --answers: the answers file to write
 };

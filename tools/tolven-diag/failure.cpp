@@ -1,13 +1,11 @@
 #include "failure.h"
 
 #include <dlfcn.h>
-#include <errno.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "library_model.h"
 #include "output.h"
+#include "ports.h"
 
 namespace tolven_diag_tool {
 namespace {
@@ -25,16 +23,6 @@ std::string port_note() {
 }
 
 }  // namespace
-
-std::string port_problem(const std::string& port) {
-    if (port.rfind("tcp:", 0) == 0) return "";
-    struct stat st;
-    if (stat(port.c_str(), &st) != 0) return "the port " + port + ": " + strerror(errno);
-    if (access(port.c_str(), R_OK | W_OK) != 0) {
-        return "the port " + port + " cannot be opened for reading and writing: " + strerror(errno);
-    }
-    return "";
-}
 
 std::string warn_port(const Options& o, const char* consequence) {
     std::string problem = o.port.empty() ? "" : port_problem(o.port);
@@ -76,14 +64,16 @@ void explain_failure(const Options& o, const std::optional<LoggedCommand>& logge
                             " bytes that callback mode takes, and was dropped";
             }
             std::string note = port_note();
+            // A connection that never came up takes a send's whole time too: say so.
+            if (note.empty() && !o.port.empty()) note = port_problem(o.port);
             if (!note.empty()) run->why += ": " + note;
             return;
         }
         case Outcome::kDiagError: {
+            // What is wrong with the port comes first: the failed call follows from it.
+            const std::string problem = o.port.empty() ? "" : port_problem(o.port, run->elapsed_ms);
             run->why = "a diag library call failed after " + ms_text(run->elapsed_ms) + ": " +
-                       failed_call_text(logged->failure);
-            std::string problem = o.port.empty() ? "" : port_problem(o.port);
-            if (!problem.empty()) run->why += "; " + problem;
+                       (problem.empty() ? "" : problem + "; ") + failed_call_text(logged->failure);
             return;
         }
         case Outcome::kOk:

@@ -18,10 +18,6 @@ void explain_failure(const Options& o, const std::optional<LoggedCommand>& logge
 // "diag_register_dci_client failed with 1002, errno 5 (Input/output error): ..."
 std::string failed_call_text(const FailedCall& f);
 
-// Why the diag library cannot use |port|, or "" when it exists and opens for reading and writing
-// (or is a network port, which only a connection can tell).
-std::string port_problem(const std::string& port);
-
 // Before a call whose failure the tool cannot see: a warning about a port that cannot work,
 // also returned ("" when the port looks usable).
 std::string warn_port(const Options& o, const char* consequence);

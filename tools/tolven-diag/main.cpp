@@ -18,6 +18,7 @@
 #include "failure.h"
 #include "offline_log.h"
 #include "output.h"
+#include "ports.h"
 #include "read_log.h"
 #include "send.h"
 #include "tolven_diag.h"
@@ -39,6 +40,8 @@ int run(const Options& o, FILE* out) {
             return kExitOk;
         case Action::kOfflineLogDir:
             return offline_log_dir(o, out);
+        case Action::kListPorts:
+            return list_ports(o, out);
         case Action::kMdm: {
             const std::string problem = warn_port(o, "the diag library cannot reach that modem");
             const char* answer = tolven_diag_is_mdm_supported() ? "present" : "absent";
@@ -86,6 +89,10 @@ int main(int argc, char** argv) {
             error(std::string("cannot set up the JSON output: ") + strerror(errno));
             return kExitFailed;
         }
+    }
+    if (o.port == kAutoPort) {
+        int status = choose_auto_port(&o);
+        if (status != kExitOk) return status;
     }
     // Line by line, so that a lingering worker's trace shows up as it happens, also in a pipe.
     setvbuf(out, nullptr, _IOLBF, 0);

@@ -65,14 +65,7 @@ void json_reply(Json::Value* j, bool raw, const std::vector<uint8_t>& request,
     Decoded d;
     bool decoded = decode_reply(request, reply.data(), reply.size(), &d);
     if (d.wrapped) (*j)["subscription"] = d.subscription;
-    if (!raw && decoded && !d.kind.empty()) {
-        Json::Value& fields = (*j)["decoded"];
-        fields["kind"] = d.kind;
-        for (const Field& f : d.fields) {
-            fields[json_key(f.name)] =
-                    f.has_number ? Json::Value(static_cast<Json::Int64>(f.number)) : f.value;
-        }
-    }
+    if (!raw && decoded && !d.kind.empty()) (*j)["decoded"] = json_decoded(d);
     if (!raw && decoded && !d.note.empty()) (*j)["notes"].append(d.note);
 }
 
@@ -142,6 +135,16 @@ Json::Value json_send(const Options& o, const char* kind) {
     return j;
 }
 
+Json::Value json_decoded(const Decoded& d) {
+    Json::Value fields;
+    fields["kind"] = d.kind;
+    for (const Field& f : d.fields) {
+        fields[json_key(f.name)] =
+                f.has_number ? Json::Value(static_cast<Json::Int64>(f.number)) : f.value;
+    }
+    return fields;
+}
+
 void print_json_value(FILE* out, const Json::Value& value) {
     write_json(out, value);
 }
@@ -185,6 +188,7 @@ void dump(FILE* out, const uint8_t* data, size_t len) {
 std::string port_text(const Options& o) {
     if (o.port.empty()) return "";
     std::string note = o.framing;
+    if (o.port_auto) note += ", found by --port auto";
     if (o.port_from_env) note += std::string(note.empty() ? "" : ", ") + "from LIBDIAG_PORT";
     return ", port " + o.port + (note.empty() ? "" : " (" + note + ")");
 }

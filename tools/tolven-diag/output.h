@@ -10,6 +10,7 @@
 #include <json/value.h>
 
 #include "args.h"
+#include "decode.h"
 #include "log_reader.h"
 #include "send.h"
 
@@ -18,6 +19,8 @@ namespace tolven_diag_tool {
 // A send's JSON object with every key of one, null where nothing is known yet; |kind| is "sync"
 // or "no-wait".
 Json::Value json_send(const Options& o, const char* kind);
+// A decoded reply's kind and fields, numbers as numbers and text as its characters.
+Json::Value json_decoded(const Decoded& d);
 // One JSON object a line, keys in order, milliseconds to a tenth.
 void print_json_value(FILE* out, const Json::Value& value);
 

@@ -11,6 +11,7 @@
 #include "library_model.h"
 #include "live_log.h"
 #include "output.h"
+#include "ports.h"
 #include "tolven_diag.h"
 
 namespace tolven_diag_tool {

@@ -51,7 +51,7 @@ _tolven_diag_devices()
     ((${#COMPREPLY[@]} > had)) && compopt -o filenames 2>/dev/null
 }
 
-# A serial device or tcp:HOST:PORT with HOST from the known host names.
+# auto, a serial device or tcp:HOST:PORT with HOST from the known host names.
 _tolven_diag_port()
 {
     if [[ $cur == tcp:* ]]; then
@@ -59,6 +59,7 @@ _tolven_diag_port()
         mapfile -t COMPREPLY < <(compgen -A hostname -P tcp: -S : -- "${cur#tcp:}")
     else
         [[ tcp: == "$cur"* ]] && COMPREPLY=(tcp:)
+        [[ auto == "$cur"* ]] && COMPREPLY+=(auto)
         if [[ -z $cur ]]; then
             local dev
             for dev in /dev/ttyUSB* /dev/ttyACM* /dev/serial/by-id/*; do
@@ -133,6 +134,6 @@ _tolven_diag()
     [[ -z $cur || $cur == -* ]] || return
     _tolven_diag_offer '-m --mode -t --timeout -c --capacity --count --interval --raw --json
         -n --no-wait --linger --port --framing --mdm --offline-log-dir --out-dir --prop
-        --read-log --answers -v --verbose -h --help --version'
+        --read-log --answers --list-ports --all --probe -v --verbose -h --help --version'
 } &&
     complete -F _tolven_diag tolven-diag
