@@ -27,6 +27,10 @@ bool same(const Options& a, const Options& b) {
     if (a.action != b.action) return false;
     if (a.action == Action::kHelp) return true;
     if (a.action == Action::kVersion) return a.json == b.json;
+    if (a.action == Action::kListPorts) {
+        return a.json == b.json && a.all_ports == b.all_ports && a.probe == b.probe &&
+               a.probe_ms == b.probe_ms;
+    }
     return a.mode == b.mode && a.timeout_ms == b.timeout_ms && a.capacity == b.capacity &&
            a.linger_ms == b.linger_ms && a.count == b.count && a.count_given == b.count_given &&
            a.interval_ms == b.interval_ms && a.verbose == b.verbose && a.raw == b.raw &&
@@ -55,6 +59,12 @@ std::vector<std::string> to_args(const Options& o) {
     std::vector<std::string> a;
     if (o.verbose) a.push_back("-v");
     if (o.json) a.push_back("--json");
+    if (o.action == Action::kListPorts) {
+        a.push_back("--list-ports");
+        if (o.all_ports) a.push_back("--all");
+        if (o.probe) a.insert(a.end(), {"--probe", "-t", std::to_string(o.probe_ms)});
+        return a;
+    }
     if (o.action == Action::kReadLog) {
         a.insert(a.end(), {"--read-log", o.read_log});
         if (!o.answers_out.empty()) a.insert(a.end(), {"--answers", o.answers_out});
@@ -99,6 +109,13 @@ void check_consistent(const Options& o) {
     require(o.out_dir.size() < static_cast<size_t>(kOfflineDirSize), "out-dir length");
     // Options that do nothing for the action were refused.
     const Options defaults;
+    if (o.action == Action::kListPorts) {
+        require(o.probe_ms >= 1 && o.probe_ms <= kMaxProbeMs, "probe time-out range");
+        require(o.probe || o.probe_ms == kDefaultProbeMs, "a probe time-out only with --probe");
+        require(o.port.empty() && o.packet.empty() && !o.verbose, "nothing of a send");
+        return;
+    }
+    require(!o.all_ports && !o.probe, "--all and --probe only with --list-ports");
     if (o.action != Action::kSend) {
         require(o.timeout_ms == defaults.timeout_ms && o.capacity == defaults.capacity &&
                         o.count == 1 && !o.count_given && (!o.raw || o.action == Action::kReadLog),
