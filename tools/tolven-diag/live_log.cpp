@@ -15,7 +15,9 @@ struct HostLine {
     long long time_ms;
     const char* text;
 };
-using SetHook = void (*)(void (*)(const void*, void*), void*);
+
+// Never destroyed: detached library threads may log while the process exits.
+LiveLog* g_live = nullptr;
 
 int this_thread() {
     return static_cast<int>(syscall(SYS_gettid));
@@ -24,9 +26,12 @@ int this_thread() {
 }  // namespace
 
 LiveLog& LiveLog::get() {
-    // Never destroyed: detached library threads may log while the process exits.
-    static LiveLog* live = new LiveLog;
-    return *live;
+    if (g_live == nullptr) g_live = new LiveLog;
+    return *g_live;
+}
+
+void LiveLog::stop() {
+    if (g_live != nullptr && g_live->set_hook_ != nullptr) g_live->set_hook_(nullptr, nullptr);
 }
 
 LiveLog::LiveLog()
@@ -44,10 +49,9 @@ LiveLog::LiveLog()
         }
         returned_.emplace_back(c.tid, c);
     });
-    auto set_hook =
-            reinterpret_cast<SetHook>(dlsym(RTLD_DEFAULT, "tolven_utils_host_set_line_hook"));
-    if (set_hook == nullptr) return;
-    set_hook(on_line, this);
+    set_hook_ = reinterpret_cast<SetHook>(dlsym(RTLD_DEFAULT, "tolven_utils_host_set_line_hook"));
+    if (set_hook_ == nullptr) return;
+    set_hook_(on_line, this);
     available_ = true;
 }
 

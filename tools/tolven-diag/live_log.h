@@ -15,6 +15,9 @@ class LiveLog {
   public:
     // The one of this process, hooked in at its first use.
     static LiveLog& get();
+    // Unhooks it, if it was hooked in, once a line being read is done: the library's detached
+    // threads may still log while the process exits, after the reader's statics are gone.
+    static void stop();
 
     bool available() const { return available_; }
     // The command whose call last returned on this thread, as it returned; nothing when none
@@ -28,6 +31,8 @@ class LiveLog {
     LiveLog();
     static void on_line(const void* line, void* self);
 
+    using SetHook = void (*)(void (*)(const void*, void*), void*);
+    SetHook set_hook_ = nullptr;
     bool available_ = false;
     std::mutex mu_;  // the reader is fed on the library's threads
     LogReader reader_;

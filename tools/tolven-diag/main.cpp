@@ -16,6 +16,7 @@
 
 #include "args.h"
 #include "failure.h"
+#include "live_log.h"
 #include "offline_log.h"
 #include "output.h"
 #include "ports.h"
@@ -101,6 +102,7 @@ int main(int argc, char** argv) {
     if (!o.port.empty()) setenv("LIBDIAG_PORT", o.port.c_str(), 1);
     if (!o.framing.empty()) setenv("LIBDIAG_FRAMING", o.framing.c_str(), 1);
     int status = run(o, out);
+    LiveLog::stop();
     if (!output_ok(out)) {
         error(std::string("cannot write the output: ") + strerror(errno));
         return kExitFailed;
