@@ -124,13 +124,22 @@ ModemProcess::ModemProcess(const std::string& program, const std::vector<std::st
 }
 
 int ModemProcess::stop() {
-    if (pid_ > 0) {
-        int status = 0;
+    if (pid_ <= 0) return status_;
+    // Asked again every half second: under TSan a handler of a signal that comes as the modem
+    // goes into its wait is deferred, and can be left waiting for the next one.
+    int status = 0;
+    pid_t done = 0;
+    for (int i = 0; i < 40 && done == 0; ++i) {
         kill(pid_, SIGTERM);
-        if (waitpid(pid_, &status, 0) == pid_) {
-            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        for (int j = 0; j < 50 && (done = waitpid(pid_, &status, WNOHANG)) == 0; ++j) {
+            usleep(10000);
         }
-        pid_ = -1;
     }
+    if (done == 0) {
+        kill(pid_, SIGKILL);
+        done = waitpid(pid_, &status, 0);
+    }
+    if (done == pid_) status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    pid_ = -1;
     return status_;
 }
