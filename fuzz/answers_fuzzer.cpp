@@ -63,8 +63,7 @@ void check_as_file(const std::string& text) {
             "a file parses as its text");
 
     std::string endless = text.substr(0, text.find('\n'));
-    while (endless.size() <= diag_wire::kMaxAnswersLine)
-        endless += endless.empty() ? "0" : endless;
+    while (endless.size() <= diag_wire::kMaxAnswersLine) endless += endless.empty() ? "0" : endless;
     diag_wire::ParsedAnswers long_line = diag_wire::parse_answers(endless + "\n00 -> 01", "f");
     require(long_line.errors.size() == 1 && long_line.errors[0].find("f:1: longer than") == 0 &&
                     long_line.lines.size() == 1,

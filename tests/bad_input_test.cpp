@@ -29,11 +29,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int time_scale() {
-    const char* s = getenv("TOLVEN_TEST_TIME_SCALE");
-    return s != nullptr && atoi(s) > 0 ? atoi(s) : 1;
-}
-
 // A fresh folder for one test, removed with what is in it.
 struct Scratch {
     std::string dir;
@@ -50,11 +45,6 @@ struct Scratch {
         return path(name);
     }
 };
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // Files named where an answers file is expected, by both programs that read one.
 TEST(FilesRead, RegularBoundedAndSaid) {

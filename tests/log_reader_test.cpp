@@ -27,6 +27,7 @@
 #include <ziparchive/zip_writer.h>
 
 #include "answers_file.h"
+#include "child.h"
 #include "libdiag_sim.h"
 #include "library_model.h"
 #include "log_reader.h"
@@ -119,13 +120,6 @@ void log_to(const std::string& path, int instance, const char* name) {
     int null = open("/dev/null", O_WRONLY);
     dup2(null, STDERR_FILENO);
     close(null);
-}
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 void write_file(const std::string& path, const std::string& text) {

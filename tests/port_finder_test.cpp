@@ -279,19 +279,6 @@ class Bed {
     std::vector<std::unique_ptr<pty_modem::Modem>> modems_;
 };
 
-std::vector<Json::Value> json_lines(const std::string& text) {
-    std::vector<Json::Value> objects;
-    std::istringstream in(text);
-    Json::CharReaderBuilder builder;
-    for (std::string line; std::getline(in, line);) {
-        Json::Value v;
-        std::string errs;
-        std::istringstream l(line);
-        if (Json::parseFromStream(builder, l, &v, &errs)) objects.push_back(v);
-    }
-    return objects;
-}
-
 #endif  // TOLVEN_HAVE_UMOCKDEV
 
 void skip_without_umockdev() {

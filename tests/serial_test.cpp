@@ -35,11 +35,6 @@ SendFn send_fn(Mode m) {
                            : tolven_diag_cmd_send_with_result_by_callback_mode;
 }
 
-int time_scale() {
-    const char* s = getenv("TOLVEN_TEST_TIME_SCALE");
-    return s != nullptr && atoi(s) > 0 ? atoi(s) : 1;
-}
-
 Bytes pattern(uint16_t n) {
     return {0x4B, 0xFE, 0x02, 0x00, uint8_t(n), uint8_t(n >> 8)};
 }

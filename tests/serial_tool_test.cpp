@@ -28,11 +28,6 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-int time_scale() {
-    const char* s = getenv("TOLVEN_TEST_TIME_SCALE");
-    return s != nullptr && atoi(s) > 0 ? atoi(s) : 1;
-}
-
 // The built-in table's reply to |request|, as --json writes it.
 std::string reply_hex(const diag_wire::Bytes& request) {
     std::string hex;

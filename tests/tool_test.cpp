@@ -22,12 +22,6 @@
 
 namespace {
 
-std::string read_file(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 ChildOutcome run_tool(const std::vector<std::string>& args, const std::string& prefix) {
     return run_program(TOLVEN_DIAG_TOOL, args, prefix);
 }
@@ -274,8 +268,7 @@ TEST(Tool, StopsAtTheFirstFailedWrite) {
 
 // SIGINT or SIGTERM ends a run of sends after the send in flight, with the summary of what ran.
 TEST(Tool, SignalEndsARunWithItsSummary) {
-    const char* scale_text = getenv("TOLVEN_TEST_TIME_SCALE");
-    const int scale = scale_text != nullptr && atoi(scale_text) > 0 ? atoi(scale_text) : 1;
+    const int scale = time_scale();
     for (const auto& [sig, name, json] :
          {std::make_tuple(SIGINT, "SIGINT", false), std::make_tuple(SIGTERM, "SIGTERM", true)}) {
         std::vector<std::string> args = {"--count", "100", "--interval", "200", "1c"};
@@ -315,18 +308,6 @@ TEST(Tool, JsonObjectsShareTheirKeys) {
         EXPECT_TRUE(j["notes"].isArray());
     }
     EXPECT_EQ(17u, first.size());
-}
-
-std::vector<Json::Value> json_lines(const std::string& text) {
-    std::vector<Json::Value> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        Json::Value j;
-        std::string errors;
-        std::istringstream one(line);
-        if (Json::parseFromStream(Json::CharReaderBuilder(), one, &j, &errors)) out.push_back(j);
-    }
-    return out;
 }
 
 // Sends logged through TOLVEN_LOG_FILE, read back with --read-log: each command as its live send

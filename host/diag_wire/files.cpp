@@ -12,15 +12,19 @@ namespace {
 // Why a file that is no regular one is refused.
 std::string not_regular(mode_t mode) {
     if (S_ISDIR(mode)) return strerror(EISDIR);
-    const char* kind = S_ISFIFO(mode)   ? "a FIFO"
-                       : S_ISCHR(mode)  ? "a character device"
-                       : S_ISBLK(mode)  ? "a block device"
-                       : S_ISSOCK(mode) ? "a socket"
-                                        : "a special file";
-    return std::string(kind) + ", not a regular file";
+    return std::string(special_file_kind(mode)) + ", not a regular file";
 }
 
 }  // namespace
+
+const char* special_file_kind(mode_t mode) {
+    return S_ISDIR(mode)    ? "a directory"
+           : S_ISFIFO(mode) ? "a FIFO"
+           : S_ISCHR(mode)  ? "a character device"
+           : S_ISBLK(mode)  ? "a block device"
+           : S_ISSOCK(mode) ? "a socket"
+                            : "a special file";
+}
 
 std::string size_text(size_t bytes) {
     if (bytes >= (1u << 20) && bytes % (1u << 20) == 0) return std::to_string(bytes >> 20) + " MiB";

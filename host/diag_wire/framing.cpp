@@ -27,7 +27,8 @@ class HdlcFraming : public Framing {
     }
 
     FramingCounts counts() const override {
-        return {decoder_.counts().frames, decoder_.counts().dropped(), sniffer_.frames()};
+        const hdlc::Counts& c = decoder_.counts();
+        return {c.frames, c.dropped(), sniffer_.frames(), c.bad_crc};
     }
 
   private:
@@ -52,7 +53,7 @@ class NhdlcFraming : public Framing {
                 [this](nhdlc::Event e) { sink_->on_drop(nhdlc::event_name(e)); });
     }
 
-    FramingCounts counts() const override { return {decoder_.frames(), decoder_.dropped(), 0}; }
+    FramingCounts counts() const override { return {decoder_.frames(), decoder_.dropped(), 0, 0}; }
 
   private:
     FrameSink* const sink_;

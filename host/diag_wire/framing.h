@@ -31,6 +31,8 @@ struct FramingCounts {
     // Frames of the other framing among the bytes: at HDLC, non-HDLC frames, which tell that the
     // peer was left in non-HDLC framing.
     uint64_t foreign = 0;
+    // Of the dropped frames, those whose CRC was wrong (HDLC only): bytes garbled on the line.
+    uint64_t bad_crc = 0;
 };
 
 class Framing {

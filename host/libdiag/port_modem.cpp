@@ -1,7 +1,6 @@
 // A modem on a diag port: the link hands bytes to the framing the port was opened with, the
 // framing hands frames to the matcher, and the matcher hands replies to the delivery queue.
 #include <stdio.h>
-#include <string.h>
 
 #include "modem.h"
 #include "port_link.h"
@@ -119,7 +118,6 @@ class PortModem::Connection final : public diag_port::LinkSink, public diag_wire
     }
 
     void on_drop(const char* why) override {
-        bad_crc_ += strcmp(why, "bad CRC") == 0;
         uint64_t dropped;
         {
             std::lock_guard<std::mutex> lk(port_->mu_);
@@ -143,9 +141,10 @@ class PortModem::Connection final : public diag_port::LinkSink, public diag_wire
                    std::to_string(counts.foreign) +
                    " non-HDLC frames did: the modem seems to speak non-HDLC framing "
                    "(LIBDIAG_FRAMING=nhdlc, tolven-diag --framing nhdlc)";
-        } else if (bad_crc_ > 0 && counts.frames == 0) {
-            note = std::to_string(bad_crc_) + (bad_crc_ == 1 ? " frame" : " frames") + " from " +
-                   port + (bad_crc_ == 1 ? " was" : " were") +
+        } else if (counts.bad_crc > 0 && counts.frames == 0) {
+            const uint64_t n = counts.bad_crc;
+            note = std::to_string(n) + (n == 1 ? " frame" : " frames") + " from " + port +
+                   (n == 1 ? " was" : " were") +
                    " dropped for a bad CRC, and none came whole: a wrong baud rate (LIBDIAG_BAUD) "
                    "or a line that garbles bytes?";
         } else if (bytes_in_ > 0 && counts.frames == 0 && counts.dropped == 0) {
@@ -175,7 +174,6 @@ class PortModem::Connection final : public diag_port::LinkSink, public diag_wire
     uint64_t foreign_seen_ = 0;
     // What came back, for the note on an unanswered command: I/O thread only, until it ends.
     uint64_t bytes_in_ = 0;
-    uint64_t bad_crc_ = 0;
     bool unanswered_ = false;
     std::unique_ptr<Link> link_;  // last: its thread goes first
 };

@@ -8,7 +8,10 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
 #include <sstream>
+
+#include <json/json.h>
 
 extern char** environ;
 
@@ -40,6 +43,29 @@ const std::string& emulator() {
 }
 
 }  // namespace
+
+int time_scale() {
+    const char* scale = getenv("TOLVEN_TEST_TIME_SCALE");
+    return scale != nullptr && atoi(scale) > 0 ? atoi(scale) : 1;
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::vector<Json::Value> json_lines(const std::string& text) {
+    std::vector<Json::Value> objects;
+    std::istringstream in(text);
+    Json::CharReaderBuilder builder;
+    for (std::string line; std::getline(in, line);) {
+        Json::Value v;
+        std::string errors;
+        std::istringstream one(line);
+        if (Json::parseFromStream(builder, one, &v, &errors)) objects.push_back(v);
+    }
+    return objects;
+}
 
 std::vector<std::string> emulated(std::vector<std::string> args) {
     std::vector<std::string> words;

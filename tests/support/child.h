@@ -8,11 +8,22 @@
 #include <string>
 #include <vector>
 
+#include <json/value.h>
+
 struct ChildOutcome {
     int exit_code = -1;  // -1: killed by a signal (the time limit among them)
     std::string out;
     std::string err;
 };
+
+// TOLVEN_TEST_TIME_SCALE: the factor for time limits (sanitizers, emulation).
+int time_scale();
+
+// The whole file at |path|; empty when it cannot be read.
+std::string read_file(const std::string& path);
+
+// The JSON objects of |text|, one a line; lines that are none are left out.
+std::vector<Json::Value> json_lines(const std::string& text);
 
 // The words of TOLVEN_TEST_EMULATOR (none on a native build), then |args|.
 std::vector<std::string> emulated(std::vector<std::string> args);

@@ -9,11 +9,6 @@
 #include "libdiag_sim.h"
 #include "tolven_diag_internal.h"
 
-int time_scale() {
-    const char* scale = getenv("TOLVEN_TEST_TIME_SCALE");
-    return scale != nullptr && atoi(scale) > 0 ? atoi(scale) : 1;
-}
-
 LogCapture::LogCapture() {
     tolven_utils_host_set_logcat_levels((1u << 1) | (1u << 4));
     tolven_utils_host_set_shell_levels(0);

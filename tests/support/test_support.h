@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "child.h"
 #include "tolven_utils_host.h"
 
 // Captures the system-log lines while it lives, with both levels switched on there and standard
@@ -48,9 +49,6 @@ struct SendOutcome {
 // The reply buffer starts filled with 0xEE, so untouched bytes can be told apart.
 SendOutcome send_packet(SendFn send, const std::vector<uint8_t>& packet, int timeout_ms,
                         int capacity = 16384);
-
-// TOLVEN_TEST_TIME_SCALE: the factor for time limits (sanitizers, emulation).
-int time_scale();
 
 // Sleeps and the steady clock may disagree by a little; lower bounds on time allow for that.
 constexpr std::chrono::milliseconds kClockSlack{2};

@@ -1146,6 +1146,14 @@ struct LogReader::Impl {
 
     // ---- Ending ----
 
+    // From the command's first line to its caller's exit (or its last line); -1 without times
+    // fine enough to tell.
+    static double elapsed_of(const Cmd& cmd) {
+        if (!cmd.has_time || !cmd.fine_time || cmd.partial) return -1;
+        const int64_t end = cmd.end_ms != 0 ? cmd.end_ms : cmd.last_ms;
+        return static_cast<double>(end - cmd.first_ms);
+    }
+
     // The call has returned to its caller: what it returned is known, although a timer or a
     // worker may still add lines.
     void returned(Cmd* cmd) {
@@ -1153,9 +1161,7 @@ struct LogReader::Impl {
         LoggedCommand c = cmd->c;
         if (cmd->failed) c.result = 1;
         if (c.kind == CommandKind::kNoWait && !cmd->failed) c.outcome = LoggedOutcome::kOk;
-        if (cmd->has_time && cmd->fine_time && !cmd->partial) {
-            c.elapsed_ms = static_cast<double>(cmd->end_ms - cmd->first_ms);
-        }
+        c.elapsed_ms = elapsed_of(*cmd);
         on_return(c);
     }
 
@@ -1199,10 +1205,7 @@ struct LogReader::Impl {
             c.result = 1;
         }
         if (cmd->failed && c.outcome == LoggedOutcome::kRefused) c.result = 1;
-        if (cmd->has_time && cmd->fine_time && !cmd->partial) {
-            int64_t end = cmd->end_ms != 0 ? cmd->end_ms : cmd->last_ms;
-            c.elapsed_ms = static_cast<double>(end - cmd->first_ms);
-        }
+        if (elapsed_of(*cmd) >= 0) c.elapsed_ms = elapsed_of(*cmd);
         if (c.kind == CommandKind::kSync && cmd->streams > 0) {
             c.notes.push_back(std::to_string(cmd->streams) +
                               " unsolicited log or event records came meanwhile");
@@ -1276,10 +1279,6 @@ void LogReader::feed(const char* data, size_t size) {
 
 void LogReader::feed_line(std::string_view line) {
     impl_->line(line);
-}
-
-void LogReader::feed_trace(const TraceLine& line) {
-    impl_->trace(line);
 }
 
 void LogReader::feed_message(int pid, int tid, int64_t epoch_ms, char level,

@@ -115,8 +115,6 @@ class LogReader {
     void feed(const char* data, size_t size);
     // One line of a log, without its newline.
     void feed_line(std::string_view line);
-    // One trace line whose fields the caller has (a reader in the process that logs them).
-    void feed_trace(const TraceLine& line);
     // A line of a live process: its own pid, tid and wall-clock time, and the message as the
     // library wrote it to the system log.
     void feed_message(int pid, int tid, int64_t epoch_ms, char level, std::string_view message);

@@ -10,21 +10,13 @@
 
 #include <ziparchive/zip_archive.h>
 
+#include "files.h"
 #include "log_reader.h"
 
 namespace tolven_diag_tool {
 namespace {
 
 constexpr size_t kChunk = 256 * 1024;
-
-const char* kind_of(mode_t mode) {
-    if (S_ISDIR(mode)) return "a directory";
-    if (S_ISFIFO(mode)) return "a FIFO";
-    if (S_ISCHR(mode)) return "a character device";
-    if (S_ISBLK(mode)) return "a block device";
-    if (S_ISSOCK(mode)) return "a socket";
-    return "not a regular file";
-}
 
 // Reads |fd| to its end, or to |limit| bytes when that is not -1.
 bool read_stream(int fd, off_t limit, const std::string& name, LogReader* reader,
@@ -126,10 +118,10 @@ bool read_log(const std::string& path, LogReader* reader, std::string* error) {
     if (fstat(fd, &st) != 0) {
         *error = "cannot read " + name + ": " + strerror(errno);
     } else if (in && !S_ISREG(st.st_mode) && !S_ISFIFO(st.st_mode) && !S_ISSOCK(st.st_mode)) {
-        *error = "standard input is " + std::string(kind_of(st.st_mode)) +
+        *error = "standard input is " + std::string(diag_wire::special_file_kind(st.st_mode)) +
                  "; give a log file or pipe one in";
     } else if (!in && !S_ISREG(st.st_mode)) {
-        *error = path + " is " + kind_of(st.st_mode) + ", not a log file";
+        *error = path + " is " + diag_wire::special_file_kind(st.st_mode) + ", not a log file";
     } else if (S_ISREG(st.st_mode) && is_zip(fd)) {
         ok = read_zip(fd, name, reader, error);
     } else {
