@@ -29,8 +29,8 @@ std::vector<Json::Value> json_lines(const std::string& text);
 std::vector<std::string> emulated(std::vector<std::string> args);
 
 // Runs |program| with |args| through the shell with |prefix| (assignments and redirections) in
-// front, killed after |limit_s| seconds. Standard error goes to a file, so that only standard
-// output can fill up and stall the child.
+// front, killed after |limit_s| seconds (0: no limit of its own). Standard error goes to a file, so
+// that only standard output can fill up and stall the child.
 ChildOutcome run_program(const std::string& program, const std::vector<std::string>& args,
                          const std::string& prefix = "", int limit_s = 60);
 // The same, sent |sig| |after_ms| milliseconds after it started.
