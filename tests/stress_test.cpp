@@ -6,7 +6,8 @@
 //
 // The invariant: a result of 0 comes only with the sending command's own reply, byte for byte
 // (cut to the capacity); an unanswered command always ends as a time-out, also right after a
-// reply of whole pieces left its length stored.
+// reply of whole pieces left its length stored (among the threads when no other sender comes in
+// between, and each pair of transports once alone at the end).
 //
 // TOLVEN_STRESS_SECONDS sets the length of the run (default 20, the port's half of it);
 // TOLVEN_STRESS_SEED replays one.
@@ -269,6 +270,24 @@ void send_some(std::mt19937& rng, Phase phase, Tally& tally,
     }
 }
 
+// Alone, after the threads: each pair of transports once, a reply of whole pieces and then at
+// once a command that is never answered. Among the threads another sender often comes in between;
+// here the unanswered command always finds the earlier length stored. Returns how many did.
+long stale_after_whole_pieces(Tally& tally, const std::function<Expect(bool)>& whole) {
+    const long before = tally.stale_whole.load();
+    std::mt19937 rng(1);
+    for (int pair = 0; pair < 4; ++pair) {
+        const bool first_callback = pair & 1, then_callback = pair & 2;
+        Expect e = whole(first_callback);
+        set_limit(e, first_callback);
+        send_and_check(e, first_callback, kMaxSimReply + 1, false, Phase::kStrict, tally);
+        Expect next = silent_command(rng);
+        set_limit(next, then_callback);
+        send_and_check(next, then_callback, kMaxSimReply + 1, false, Phase::kStrict, tally);
+    }
+    return tally.stale_whole.load() - before;
+}
+
 void discard_logger(const struct __android_logger_data*, const char*) {}
 
 void print_tally(const char* where, const Tally& tally) {
@@ -347,12 +366,15 @@ TEST(Stress, BackToBackSendsFromEightThreads) {
         });
     }
     for (std::thread& th : threads) th.join();
+    const long stale_alone = stale_after_whole_pieces(tally, [](bool callback) {
+        return pattern_command((callback ? 2 : 4) * kPieceLen - 4);
+    });
 
     print_tally("simulated modem", tally);
     for (const std::string& f : tally.failures) ADD_FAILURE() << f;
     EXPECT_GT(tally.fire.load(), 0);
     EXPECT_GT(tally.sends.load(), 100);
-    EXPECT_GT(tally.stale_whole.load(), 0);
+    EXPECT_EQ(stale_alone, 4);
 }
 
 // A command for the port: plain or wrapped for a subscription, of every size the library takes,
@@ -430,6 +452,13 @@ TEST(Stress, BackToBackOverAPortThroughWrappedTraffic) {
         });
     }
     for (std::thread& th : threads) th.join();
+    std::unique_ptr<diag_wire::AnswerTable> table = diag_wire::make_builtin_table();
+    const long stale_alone = stale_after_whole_pieces(tally, [&](bool callback) {
+        Expect e = pattern_command((callback ? 2 : 4) * kPieceLen - 4 - 8);
+        e.request = diag_wire::wrap(1, e.request);
+        e.reply = table->answer(0, e.request).responses[0].bytes;
+        return e;
+    });
     libdiag_sim::PortStats st = libdiag_sim::port_stats();
     print_tally("port", tally);
     printf("port: %llu frames, %llu unsolicited, %llu dropped, %llu late\n",
@@ -438,7 +467,7 @@ TEST(Stress, BackToBackOverAPortThroughWrappedTraffic) {
            static_cast<unsigned long long>(st.dropped), static_cast<unsigned long long>(st.late));
     for (const std::string& f : tally.failures) ADD_FAILURE() << f;
     EXPECT_GT(tally.sends.load(), 100);
-    EXPECT_GT(tally.stale_whole.load(), 0);
+    EXPECT_EQ(stale_alone, 4);
     EXPECT_EQ(st.replies, static_cast<uint64_t>(tally.sends.load() - tally.silent.load()));
     libdiag_sim::reset();  // the port closes before the modem goes
     unsetenv("LIBDIAG_PORT");
