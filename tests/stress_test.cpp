@@ -416,11 +416,11 @@ Expect make_port_command(std::mt19937& rng, bool callback, diag_wire::AnswerTabl
 }
 
 TEST(Stress, BackToBackOverAPortThroughWrappedTraffic) {
-    const auto run_for = std::chrono::seconds(env_int("TOLVEN_STRESS_SECONDS", 20)) / 2;
+    const auto run_for = std::chrono::milliseconds(env_int("TOLVEN_STRESS_SECONDS", 20) * 1000) / 2;
     const unsigned seed = static_cast<unsigned>(
             env_int("TOLVEN_STRESS_SEED", static_cast<int>(std::random_device{}() & 0x7FFFFFFF)));
     printf("TOLVEN_STRESS_SEED=%u TOLVEN_STRESS_SECONDS=%lld\n", seed,
-           static_cast<long long>(run_for.count() * 2));
+           static_cast<long long>(run_for.count() * 2 / 1000));
     pty_modem::Options options;
     options.subscriptions = {0, 1};
     options.logs_before_reply = 5;
