@@ -29,23 +29,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A fresh folder for one test, removed with what is in it.
-struct Scratch {
-    std::string dir;
-    Scratch() {
-        char tmpl[] = "/tmp/tolven_bad_input_XXXXXX";
-        dir = mkdtemp(tmpl) != nullptr ? tmpl : "";
-    }
-    ~Scratch() {
-        if (!dir.empty()) (void)!system(("rm -rf '" + dir + "'").c_str());
-    }
-    std::string path(const std::string& name) const { return dir + "/" + name; }
-    std::string write(const std::string& name, const std::string& text) const {
-        std::ofstream(path(name), std::ios::binary) << text;
-        return path(name);
-    }
-};
-
 // Files named where an answers file is expected, by both programs that read one.
 TEST(FilesRead, RegularBoundedAndSaid) {
     Scratch s;

@@ -100,12 +100,14 @@ void wait_for_workers() {
     usleep(4500 * 1000);
 }
 
+// The process's scratch folder; children leave with _exit, so only the test process removes it.
+Scratch& scratch() {
+    static Scratch folder;
+    return folder;
+}
+
 std::string temp_path(const std::string& name) {
-    const char* dir = getenv("TMPDIR");
-    std::string path = std::string(dir != nullptr ? dir : "/tmp") + "/log_reader_test." +
-                       std::to_string(getpid()) + "." + name;
-    unlink(path.c_str());
-    return path;
+    return scratch().path(name);
 }
 
 // Sends log to |path| from now on, with both levels on, as a process started with these variables
@@ -120,10 +122,6 @@ void log_to(const std::string& path, int instance, const char* name) {
     int null = open("/dev/null", O_WRONLY);
     dup2(null, STDERR_FILENO);
     close(null);
-}
-
-void write_file(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
 }
 
 std::vector<LoggedCommand> read_commands(const std::string& path, std::string* error = nullptr,
@@ -364,7 +362,6 @@ void make_every_path_log() {
     std::string path = temp_path("every_path.log");
     g_every_path_sent = run_in_child(path, 0, nullptr, [] { return run_steps(every_path()); });
     g_every_path_log = read_file(path);
-    unlink(path.c_str());
 }
 
 }  // namespace
@@ -549,17 +546,15 @@ TEST(LogReader, workers_beside_sync_sends_of_another_thread) {
     });
     std::vector<LoggedCommand> got = read_commands(path);
     // Every answer a worker logged went to its command.
-    std::string log = read_file(path);
+    const std::string log_text = read_file(path);
     size_t answers = 0;
-    for (size_t at = 0; (at = log.find("_no_handle: len = ", at)) != std::string::npos; ++at) {
+    for (size_t at = 0; (at = log_text.find("_no_handle: len = ", at)) != std::string::npos; ++at) {
         ++answers;
     }
     size_t attributed = 0;
     for (const LoggedCommand& c : got) attributed += c.answer_lens.size();
     EXPECT_EQ(attributed, answers);
     EXPECT_GT(answers, 0u);
-    std::string log_text = read_file(path);
-    unlink(path.c_str());
     ASSERT_EQ(sent.size(), 7u);
     ASSERT_EQ(got.size(), 7u);
     std::vector<LoggedCommand> sync, no_wait;
@@ -647,7 +642,6 @@ TEST(LogReader, three_processes_in_one_log) {
     LogSummary summary;
     std::vector<LoggedCommand> got = read_commands(path, nullptr, &summary);
     std::string log_text = read_file(path);
-    unlink(path.c_str());
     // In every form that keeps the pid, the processes' lines stay apart.
     for (const Form& form : kForms) {
         if (!form.pid) continue;
@@ -687,8 +681,7 @@ TEST(LogReader, every_form_of_the_same_log) {
     }
     // A bugreport, as text and as the zip adb writes (its main entry named, or found by name).
     std::string text = bugreport_text(g_every_path_log);
-    std::string txt = temp_path("bugreport.txt"), zip = temp_path("bugreport.zip");
-    write_file(txt, text);
+    std::string txt = scratch().write("bugreport.txt", text), zip = temp_path("bugreport.zip");
     for (bool named : {true, false}) {
         FILE* f = fopen(zip.c_str(), "wb");
         ASSERT_NE(f, nullptr);
@@ -710,8 +703,6 @@ TEST(LogReader, every_form_of_the_same_log) {
             for (size_t i = 0; i < got.size(); ++i) expect_same(got[i], want[i], kForms[0]);
         }
     }
-    unlink(txt.c_str());
-    unlink(zip.c_str());
 }
 
 // Cut at any line, at the end (the process died, the log rotated) or at the start (the log began
@@ -787,7 +778,7 @@ TEST(LogReader, answers_replay_on_the_simulator) {
     EXPECT_NE(text.find("\n4B FE 09 00 -> none\n"), std::string::npos);
     EXPECT_NE(text.find("dropped by the library"), std::string::npos);
     EXPECT_NE(text.find(" @ 6"), std::string::npos);  // the slow answer's 60 ms
-    write_file(answers, text);
+    scratch().write("answers", text);
     // The desk: only the answers file, and the failures the log names, programmed again.
     std::vector<Step> desk;
     for (const LoggedCommand& c : field) {
@@ -815,7 +806,6 @@ TEST(LogReader, answers_replay_on_the_simulator) {
         EXPECT_EQ(again[i].reply, field[i].reply);
         EXPECT_EQ(again[i].failure.call, field[i].failure.call);
     }
-    for (const std::string& p : {log, answers, replay}) unlink(p.c_str());
 
     // One request, answered differently: the last answer is kept, and a comment says so.
     field[1].request = field[0].request;
@@ -853,7 +843,7 @@ TEST(LogReader, bad_input_is_skipped_or_named) {
                 bad_zip = temp_path("bad.zip"), no_report = temp_path("none.zip");
     mkdir(dir.c_str(), 0700);
     mkfifo(fifo.c_str(), 0600);
-    write_file(bad_zip, std::string("PK\x03\x04", 4) + junk);
+    scratch().write("bad.zip", std::string("PK\x03\x04", 4) + junk);
     {
         FILE* f = fopen(no_report.c_str(), "wb");
         ZipWriter writer(f);
@@ -866,7 +856,7 @@ TEST(LogReader, bad_input_is_skipped_or_named) {
         writer.Finish();
         fclose(f);
         std::string whole = read_file(no_report);
-        write_file(cut_zip, whole.substr(0, whole.size() / 2));
+        scratch().write("cut.zip", whole.substr(0, whole.size() / 2));
         f = fopen(no_report.c_str(), "wb");
         ZipWriter other(f);
         other.StartEntry("version.txt", 0);
@@ -894,8 +884,6 @@ TEST(LogReader, bad_input_is_skipped_or_named) {
         EXPECT_EQ(error.find('\n'), std::string::npos);
         EXPECT_TRUE(none.empty());
     }
-    rmdir(dir.c_str());
-    for (const std::string& p : {fifo, cut_zip, bad_zip, no_report}) unlink(p.c_str());
 }
 
 // A live send read as it logs, through the stand-in's hook: the same reader, the same account.
@@ -920,7 +908,6 @@ TEST(LogReader, lines_handed_over_in_the_process) {
         return sent;
     });
     EXPECT_EQ(sent.size(), 11u);
-    unlink(unused.c_str());
 }
 
 // Memory follows the commands in flight: a long log keeps only a few of them at a time.

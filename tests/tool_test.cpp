@@ -314,13 +314,11 @@ TEST(Tool, JsonObjectsShareTheirKeys) {
 // told it, with at least a live send's keys; the answers written from the log give the same
 // outcomes and replies when the simulated modem replays them.
 TEST(Tool, ReadLogTellsWhatTheSendsDid) {
-    const std::string dir = ::testing::TempDir();
-    const std::string log = dir + "tool_test_read_" + std::to_string(getpid()) + ".log";
-    const std::string answers = log + ".answers";
-    const std::string silent = log + ".silent";
-    unlink(log.c_str());
-    unlink(answers.c_str());
-    std::ofstream(silent) << "1d -> none\n";
+    Scratch scratch;
+    ASSERT_FALSE(scratch.dir.empty());
+    const std::string log = scratch.path("sends.log");
+    const std::string answers = scratch.path("answers");
+    const std::string silent = scratch.write("silent", "1d -> none\n");
     const std::vector<std::vector<std::string>> sends = {
             {"00"},
             {"-m", "callback", "7c"},
@@ -382,9 +380,6 @@ TEST(Tool, ReadLogTellsWhatTheSendsDid) {
     r = run_tool({"--read-log", log, "--answers", answers}, "");
     EXPECT_EQ(1, r.exit_code);
     EXPECT_NE(std::string::npos, r.err.find("File exists (name a file that does not exist)"));
-    unlink(log.c_str());
-    unlink(answers.c_str());
-    unlink(silent.c_str());
 }
 
 // Every range a number option has is in --help and in the README, as its error states it.

@@ -44,6 +44,22 @@ const std::string& emulator() {
 
 }  // namespace
 
+Scratch::Scratch() {
+    const char* tmp = getenv("TMPDIR");
+    std::string tmpl =
+            std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tolven_test_XXXXXX";
+    if (mkdtemp(&tmpl[0]) != nullptr) dir = tmpl;
+}
+
+Scratch::~Scratch() {
+    if (!dir.empty()) (void)!system(("rm -rf " + quoted(dir)).c_str());
+}
+
+std::string Scratch::write(const std::string& name, const std::string& text) const {
+    std::ofstream(path(name), std::ios::binary) << text;
+    return path(name);
+}
+
 int time_scale() {
     const char* scale = getenv("TOLVEN_TEST_TIME_SCALE");
     return scale != nullptr && atoi(scale) > 0 ? atoi(scale) : 1;

@@ -16,6 +16,19 @@ struct ChildOutcome {
     std::string err;
 };
 
+// A fresh folder under TMPDIR (or /tmp), removed with what is in it. Empty |dir| when none could
+// be made.
+struct Scratch {
+    std::string dir;
+    Scratch();
+    ~Scratch();
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+    std::string path(const std::string& name) const { return dir + "/" + name; }
+    // Writes |text| to the file |name| in the folder; its path.
+    std::string write(const std::string& name, const std::string& text) const;
+};
+
 // TOLVEN_TEST_TIME_SCALE: the factor for time limits (sanitizers, emulation).
 int time_scale();
 
