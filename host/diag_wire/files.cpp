@@ -15,23 +15,8 @@ std::string not_regular(mode_t mode) {
     return std::string(special_file_kind(mode)) + ", not a regular file";
 }
 
-}  // namespace
-
-const char* special_file_kind(mode_t mode) {
-    return S_ISDIR(mode)    ? "a directory"
-           : S_ISFIFO(mode) ? "a FIFO"
-           : S_ISCHR(mode)  ? "a character device"
-           : S_ISBLK(mode)  ? "a block device"
-           : S_ISSOCK(mode) ? "a socket"
-                            : "a special file";
-}
-
-std::string size_text(size_t bytes) {
-    if (bytes >= (1u << 20) && bytes % (1u << 20) == 0) return std::to_string(bytes >> 20) + " MiB";
-    if (bytes >= 1024 && bytes % 1024 == 0) return std::to_string(bytes >> 10) + " KiB";
-    return std::to_string(bytes) + " bytes";
-}
-
+// Opens |path| for reading when it is a regular file, without blocking on a FIFO; the descriptor
+// is close-on-exec and blocking again. -1 with "cannot read PATH: why" in |*error| otherwise.
 int open_regular(const std::string& path, std::string* error) {
     auto fail = [&](const std::string& why) {
         *error = "cannot read " + path + ": " + why;
@@ -53,6 +38,23 @@ int open_regular(const std::string& path, std::string* error) {
     int flags = fcntl(fd, F_GETFL);
     if (flags >= 0) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
     return fd;
+}
+
+}  // namespace
+
+const char* special_file_kind(mode_t mode) {
+    return S_ISDIR(mode)    ? "a directory"
+           : S_ISFIFO(mode) ? "a FIFO"
+           : S_ISCHR(mode)  ? "a character device"
+           : S_ISBLK(mode)  ? "a block device"
+           : S_ISSOCK(mode) ? "a socket"
+                            : "a special file";
+}
+
+std::string size_text(size_t bytes) {
+    if (bytes >= (1u << 20) && bytes % (1u << 20) == 0) return std::to_string(bytes >> 20) + " MiB";
+    if (bytes >= 1024 && bytes % 1024 == 0) return std::to_string(bytes >> 10) + " KiB";
+    return std::to_string(bytes) + " bytes";
 }
 
 bool read_regular(const std::string& path, size_t limit, std::string* text, std::string* error) {

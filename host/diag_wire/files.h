@@ -10,10 +10,6 @@
 
 namespace diag_wire {
 
-// Opens |path| for reading when it is a regular file, without blocking on a FIFO; the descriptor
-// is close-on-exec and blocking again. -1 with "cannot read PATH: why" in |*error| otherwise.
-int open_regular(const std::string& path, std::string* error);
-
 // Reads the regular file |path| whole into |*text|. False with "cannot read PATH: why" in |*error|
 // when it cannot be opened or read, is no regular file, or holds more than |limit| bytes.
 bool read_regular(const std::string& path, size_t limit, std::string* text, std::string* error);

@@ -50,9 +50,7 @@ int connect_within(const addrinfo* ai, std::string* error) {
         }
     }
     if (err != 0) {
-        *error = err == ETIMEDOUT ? "connection timed out: no answer within " +
-                                            std::to_string(kConnectLimit.count()) + " ms"
-                                  : strerror(err);
+        *error = err == ETIMEDOUT ? connect_timed_out_text() : strerror(err);
         close(fd);
         return -1;
     }
@@ -63,6 +61,10 @@ int connect_within(const addrinfo* ai, std::string* error) {
 }
 
 }  // namespace
+
+std::string connect_timed_out_text() {
+    return "connection timed out: no answer within " + std::to_string(kConnectLimit.count()) + " ms";
+}
 
 std::unique_ptr<LinkPort> connect_tcp(const std::string& address, std::string* error) {
     diag_wire::TcpAddress where;

@@ -13,6 +13,9 @@ namespace diag_port {
 // Connecting gives up after this time.
 constexpr std::chrono::milliseconds kConnectLimit{3000};
 
+// The reason given when a connection got no answer within kConnectLimit.
+std::string connect_timed_out_text();
+
 // Connects to "tcp:HOST:PORT" (IPv6 as "tcp:[ADDRESS]:PORT"), trying each address that HOST
 // resolves to within kConnectLimit; nullptr with the reason in |*error|.
 std::unique_ptr<LinkPort> connect_tcp(const std::string& address, std::string* error);

@@ -25,7 +25,7 @@ std::string port_note() {
 }  // namespace
 
 std::string warn_port(const Options& o, const char* consequence) {
-    std::string problem = o.port.empty() ? "" : port_problem(o.port);
+    std::string problem = port_problem(o.port);
     if (problem.empty()) return "";
     problem += "; " + std::string(consequence);
     error("warning: " + problem);
@@ -65,13 +65,13 @@ void explain_failure(const Options& o, const std::optional<LoggedCommand>& logge
             }
             std::string note = port_note();
             // A connection that never came up takes a send's whole time too: say so.
-            if (note.empty() && !o.port.empty()) note = port_problem(o.port);
+            if (note.empty()) note = port_problem(o.port);
             if (!note.empty()) run->why += ": " + note;
             return;
         }
         case Outcome::kDiagError: {
             // What is wrong with the port comes first: the failed call follows from it.
-            const std::string problem = o.port.empty() ? "" : port_problem(o.port, run->elapsed_ms);
+            const std::string problem = port_problem(o.port, run->elapsed_ms);
             run->why = "a diag library call failed after " + ms_text(run->elapsed_ms) + ": " +
                        (problem.empty() ? "" : problem + "; ") + failed_call_text(logged->failure);
             return;

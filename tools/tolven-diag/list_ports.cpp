@@ -77,10 +77,6 @@ Json::Value json_strings(const std::vector<std::string>& list) {
     return a;
 }
 
-Json::Value json_or_null(const std::string& s) {
-    return s.empty() ? Json::Value() : Json::Value(s);
-}
-
 Json::Value port_json(const SerialPort& p, const Probe* probe, int limit_ms) {
     Json::Value j;
     j["device"] = p.device;

@@ -50,9 +50,7 @@ LiveLog::LiveLog()
         returned_.emplace_back(c.tid, c);
     });
     set_hook_ = reinterpret_cast<SetHook>(dlsym(RTLD_DEFAULT, "tolven_utils_host_set_line_hook"));
-    if (set_hook_ == nullptr) return;
-    set_hook_(on_line, this);
-    available_ = true;
+    if (set_hook_ != nullptr) set_hook_(on_line, this);
 }
 
 void LiveLog::on_line(const void* line, void* self) {

@@ -19,7 +19,7 @@ class LiveLog {
     // threads may still log while the process exits, after the reader's statics are gone.
     static void stop();
 
-    bool available() const { return available_; }
+    bool available() const { return set_hook_ != nullptr; }
     // The command whose call last returned on this thread, as it returned; nothing when none
     // has since the last time.
     std::optional<LoggedCommand> returned();
@@ -33,7 +33,6 @@ class LiveLog {
 
     using SetHook = void (*)(void (*)(const void*, void*), void*);
     SetHook set_hook_ = nullptr;
-    bool available_ = false;
     std::mutex mu_;  // the reader is fed on the library's threads
     LogReader reader_;
     std::vector<std::pair<int, LoggedCommand>> returned_;  // by the caller's tid

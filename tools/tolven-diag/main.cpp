@@ -52,7 +52,7 @@ int run(const Options& o, FILE* out) {
             }
             Json::Value j;
             j["remote_modem"] = answer;
-            j["port"] = o.port.empty() ? Json::Value() : Json::Value(o.port);
+            j["port"] = json_or_null(o.port);
             j["notes"] = Json::Value(Json::arrayValue);
             if (!problem.empty()) j["notes"].append(problem);
             print_json_value(out, j);

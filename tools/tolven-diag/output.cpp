@@ -33,18 +33,19 @@ std::string json_hex(const std::vector<uint8_t>& data) {
     return hex;
 }
 
-// One object a line, milliseconds to a tenth.
-void write_json(FILE* out, const Json::Value& value) {
-    static const std::unique_ptr<Json::StreamWriter> writer = [] {
-        Json::StreamWriterBuilder b;
-        b["indentation"] = "";
-        b["precision"] = 1;
-        b["precisionType"] = "decimal";
-        return std::unique_ptr<Json::StreamWriter>(b.newStreamWriter());
-    }();
-    std::ostringstream text;
-    writer->write(value, &text);
-    fprintf(out, "%s\n", text.str().c_str());
+// Every key a send object has, null where it does not apply, so that scripts need no test for a
+// key's presence.
+Json::Value json_send_keys(uint64_t seq, const char* kind) {
+    Json::Value j;
+    for (const char* key :
+         {"capacity", "decoded", "elapsed_ms", "error", "mode", "outcome", "port", "reply",
+          "reply_len", "request", "result", "subscription", "timeout_asked_ms", "timeout_ms"}) {
+        j[key] = Json::Value();
+    }
+    j["seq"] = static_cast<Json::UInt64>(seq);
+    j["kind"] = kind;
+    j["notes"] = Json::Value(Json::arrayValue);
+    return j;
 }
 
 void print_decoded(FILE* out, bool raw, const std::vector<uint8_t>& request,
@@ -76,8 +77,8 @@ void print_text(FILE* out, const Options& o, const Run& run, const Run* shown) {
                 run.outcome == Outcome::kRefused ? "" : " after " + ms_text(run.elapsed_ms);
         fprintf(out, "%sreply: none\n", tag.c_str());
         for (const std::string& n : run.notes) fprintf(out, "note: %s\n", n.c_str());
-        fprintf(out, "%sresult: %d (%s%s)\n", tag.c_str(), run.result, outcome_name(run.outcome),
-                after.c_str());
+        fprintf(out, "%sresult: %d (%s%s)\n", tag.c_str(), run.result,
+                logged_outcome_name(run.outcome), after.c_str());
         error(tag + run.why);
         return;
     }
@@ -100,13 +101,13 @@ void print_json(FILE* out, const Options& o, const Run& run) {
     j["timeout_asked_ms"] = o.timeout_ms;
     j["capacity"] = o.capacity;
     j["result"] = run.result;
-    j["outcome"] = outcome_name(run.outcome);
+    j["outcome"] = logged_outcome_name(run.outcome);
     j["elapsed_ms"] = run.elapsed_ms;
     if (run.outcome != Outcome::kOk) j["error"] = run.why;
     if (run.reply_len_written) j["reply_len"] = run.reply_len;
     for (const std::string& n : run.notes) j["notes"].append(n);
     if (run.outcome == Outcome::kOk) json_reply(&j, o.raw, o.packet, run.reply);
-    write_json(out, j);
+    print_json_value(out, j);
     if (run.outcome != Outcome::kOk) error(run.why);
 }
 
@@ -117,22 +118,30 @@ double median_of(const std::vector<double>& sorted) {
 
 }  // namespace
 
-// Every send object has every key, null where it does not apply, so that scripts need no test
-// for a key's presence.
 Json::Value json_send(const Options& o, const char* kind) {
-    Json::Value j;
-    for (const char* key :
-         {"capacity", "decoded", "elapsed_ms", "error", "outcome", "reply", "reply_len", "result",
-          "subscription", "timeout_asked_ms", "timeout_ms"}) {
-        j[key] = Json::Value();
-    }
-    j["seq"] = 1;
-    j["kind"] = kind;
+    Json::Value j = json_send_keys(1, kind);
     j["request"] = json_hex(o.packet);
     j["mode"] = mode_name(o.mode);
-    j["port"] = o.port.empty() ? Json::Value() : Json::Value(o.port);
-    j["notes"] = Json::Value(Json::arrayValue);
+    j["port"] = json_or_null(o.port);
     return j;
+}
+
+// Milliseconds to a tenth.
+void print_json_value(FILE* out, const Json::Value& value) {
+    static const std::unique_ptr<Json::StreamWriter> writer = [] {
+        Json::StreamWriterBuilder b;
+        b["indentation"] = "";
+        b["precision"] = 1;
+        b["precisionType"] = "decimal";
+        return std::unique_ptr<Json::StreamWriter>(b.newStreamWriter());
+    }();
+    std::ostringstream text;
+    writer->write(value, &text);
+    fprintf(out, "%s\n", text.str().c_str());
+}
+
+Json::Value json_or_null(const std::string& s) {
+    return s.empty() ? Json::Value() : Json::Value(s);
 }
 
 Json::Value json_decoded(const Decoded& d) {
@@ -143,10 +152,6 @@ Json::Value json_decoded(const Decoded& d) {
                 f.has_number ? Json::Value(static_cast<Json::Int64>(f.number)) : f.value;
     }
     return fields;
-}
-
-void print_json_value(FILE* out, const Json::Value& value) {
-    write_json(out, value);
 }
 
 bool output_ok(FILE* out) {
@@ -238,7 +243,7 @@ void print_summary(FILE* out, const Options& o, Tally tally, const char* interru
         }
         Json::Value j;
         j["summary"] = s;
-        write_json(out, j);
+        print_json_value(out, j);
         return;
     }
     fprintf(out, "summary: %d sent, %d answered, %d timed out, %d refused, %d diag errors",
@@ -289,17 +294,12 @@ void print_logged(FILE* out, const Options& o, const LoggedCommand& c) {
     const bool ok = c.outcome == LoggedOutcome::kOk;
     const bool sync = c.kind == CommandKind::kSync;
     if (o.json) {
-        Json::Value j;
-        for (const char* key : {"capacity",   "decoded", "elapsed_ms",   "error",
-                                "mode",       "port",    "reply",        "reply_len",
-                                "request",    "result",  "subscription", "timeout_asked_ms",
-                                "timeout_ms", "pid",     "tid",          "process",
-                                "instance",   "start",   "failed_call",  "value",
-                                "errno"}) {
+        // A live send's keys, and where the command ran.
+        Json::Value j = json_send_keys(c.seq, command_kind_name(c.kind));
+        for (const char* key :
+             {"pid", "tid", "process", "instance", "start", "failed_call", "value", "errno"}) {
             j[key] = Json::Value();
         }
-        j["seq"] = static_cast<Json::UInt64>(c.seq);
-        j["kind"] = command_kind_name(c.kind);
         if (c.mode_known) j["mode"] = mode_name(c.mode);
         if (c.request_known) j["request"] = json_hex(c.request);
         if (c.capacity >= 0) j["capacity"] = c.capacity;
@@ -319,10 +319,9 @@ void print_logged(FILE* out, const Options& o, const LoggedCommand& c) {
             if (c.failure.has_value) j["value"] = static_cast<Json::Int64>(c.failure.value);
             if (c.failure.has_errno) j["errno"] = c.failure.err;
         }
-        j["notes"] = Json::Value(Json::arrayValue);
         for (const std::string& n : c.notes) j["notes"].append(n);
         if (ok && sync && c.reply_known) json_reply(&j, o.raw, c.request, c.reply);
-        write_json(out, j);
+        print_json_value(out, j);
         return;
     }
     fprintf(out, "#%llu %s%s%s\n", static_cast<unsigned long long>(c.seq), command_kind_name(c.kind),
@@ -395,7 +394,7 @@ void print_log_summary(FILE* out, const Options& o, const LogSummary& s) {
         j["long_lines"] = static_cast<Json::UInt64>(s.long_lines);
         Json::Value top;
         top["summary"] = j;
-        write_json(out, top);
+        print_json_value(out, top);
         return;
     }
     fprintf(out, "summary: %llu commands (%llu sync, %llu no-wait)",

@@ -23,6 +23,8 @@ Json::Value json_send(const Options& o, const char* kind);
 Json::Value json_decoded(const Decoded& d);
 // One JSON object a line, keys in order, milliseconds to a tenth.
 void print_json_value(FILE* out, const Json::Value& value);
+// |s|, or null when it is empty.
+Json::Value json_or_null(const std::string& s);
 
 // Flushes |out|; false once a write to it failed.
 bool output_ok(FILE* out);

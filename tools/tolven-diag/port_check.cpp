@@ -10,7 +10,9 @@
 #include <unistd.h>
 
 #include "address.h"
+#include "files.h"
 #include "port_finder.h"
+#include "port_users.h"
 #include "ports.h"
 #include "tcp_port.h"
 
@@ -18,8 +20,7 @@ namespace tolven_diag_tool {
 namespace {
 
 std::string network_problem(const std::string& port, double elapsed_ms) {
-    const std::string timed_out = "connection timed out: no answer within " +
-                                  std::to_string(diag_port::kConnectLimit.count()) + " ms";
+    const std::string timed_out = diag_port::connect_timed_out_text();
     std::string error;
     // A call that took the whole connect limit timed out; trying again would take as long.
     if (elapsed_ms >= static_cast<double>(diag_port::kConnectLimit.count())) {
@@ -63,11 +64,7 @@ std::string device_problem(const std::string& port) {
     }
     if (!S_ISCHR(st.st_mode)) {
         return "not a serial device: " + port + " is " +
-               (S_ISDIR(st.st_mode)    ? "a directory"
-                : S_ISREG(st.st_mode)  ? "a regular file"
-                : S_ISFIFO(st.st_mode) ? "a FIFO"
-                : S_ISSOCK(st.st_mode) ? "a socket"
-                                       : "no character device");
+               (S_ISREG(st.st_mode) ? "a regular file" : diag_wire::special_file_kind(st.st_mode));
     }
     int fd = open(port.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
@@ -95,17 +92,16 @@ std::string device_problem(const std::string& port) {
     const bool tty = tcgetattr(fd, &t) == 0;
     close(fd);
     if (!tty) return "not a serial device: " + port + " takes no terminal settings";
-    std::vector<std::string> holders = port_holders(port);
-    if (!holders.empty() && holders.front().find("holds its lock") != std::string::npos) {
-        return "busy: " + port + ": " + holders.front();
-    }
+    const int holder = diag_port::lock_holder(port);
+    if (holder > 0)
+        return "busy: " + port + ": " + diag_port::process_name(holder) + " holds its lock";
     return "";
 }
 
 }  // namespace
 
 std::string port_problem(const std::string& port, double elapsed_ms) {
-    if (port == kAutoPort) return "";
+    if (port.empty() || port == kAutoPort) return "";
     return diag_wire::is_tcp_address(port) ? network_problem(port, elapsed_ms)
                                            : device_problem(port);
 }

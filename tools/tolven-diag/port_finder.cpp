@@ -117,11 +117,12 @@ bool describe(udev_device* d, bool all, SerialPort* p) {
 
 std::vector<std::string> port_holders(const std::string& path) {
     std::vector<std::string> holders;
-    int pid = diag_port::lock_holder(path);
-    if (pid > 0) holders.push_back(diag_port::process_name(pid) + " holds its lock");
+    const int pid = diag_port::lock_holder(path);
+    const std::string holder = pid > 0 ? diag_port::process_name(pid) : "";
+    if (pid > 0) holders.push_back(holder + " holds its lock");
     for (const std::string& user : diag_port::other_users(path)) {
         // The lock holder has it open too: said once.
-        if (pid > 0 && user == diag_port::process_name(pid)) continue;
+        if (pid > 0 && user == holder) continue;
         holders.push_back(user + " has it open");
     }
     return holders;

@@ -22,8 +22,8 @@ int choose_auto_port(Options* o);
 
 // Why the diag library cannot use |port|, with the fix where there is one, or "" when nothing is
 // found wrong: no such device, permission denied, not a serial device, busy (and who has it), a
-// connection refused or timed out, an unknown host. |elapsed_ms| is how long the failed call
-// took: a network port that already used up its connect limit is not tried again.
+// connection refused or timed out, an unknown host; "" for no port at all. |elapsed_ms| is how long
+// the failed call took: a network port that already used up its connect limit is not tried again.
 std::string port_problem(const std::string& port, double elapsed_ms = 0);
 
 }  // namespace tolven_diag_tool

@@ -128,7 +128,7 @@ int send_no_wait(const Options& o, FILE* out) {
     if (result != 0) {
         const std::string why = "the library refused the packet";
         if (o.json) {
-            j["outcome"] = outcome_name(Outcome::kRefused);
+            j["outcome"] = logged_outcome_name(Outcome::kRefused);
             j["error"] = why;
             print_json_value(out, j);
         } else {
@@ -167,7 +167,7 @@ int send_no_wait(const Options& o, FILE* out) {
         if (c.outcome == Outcome::kDiagError) {
             run.outcome = c.outcome;
             run.why = "the worker's " + failed_call_text(c.failure);
-            std::string problem = o.port.empty() ? "" : port_problem(o.port);
+            std::string problem = port_problem(o.port);
             if (!problem.empty()) run.why += "; " + problem;
         }
     } else if (live.available()) {
@@ -181,7 +181,7 @@ int send_no_wait(const Options& o, FILE* out) {
     }
     const bool ok = run.outcome == Outcome::kOk;
     if (o.json) {
-        j["outcome"] = outcome_name(run.outcome);
+        j["outcome"] = logged_outcome_name(run.outcome);
         j["elapsed_ms"] = run.elapsed_ms;
         if (!ok) j["error"] = run.why;
         j["notes"].append("handed to a worker thread, which logs only the length of each answer");
@@ -190,7 +190,7 @@ int send_no_wait(const Options& o, FILE* out) {
     } else {
         for (const std::string& n : run.notes) fprintf(out, "note: %s\n", n.c_str());
         fprintf(out, ok ? "result: 0 (ok)\n" : "result: 0, but the worker failed (%s)\n",
-                outcome_name(run.outcome));
+                logged_outcome_name(run.outcome));
     }
     if (ok) return kExitOk;
     error(run.why);

@@ -14,9 +14,6 @@ namespace tolven_diag_tool {
 // As the log reader tells them: ok, refused, diag error, timed out, or unknown where the
 // library's lines cannot be read.
 using Outcome = LoggedOutcome;
-inline const char* outcome_name(Outcome o) {
-    return logged_outcome_name(o);
-}
 
 // One synchronous send.
 struct Run {

@@ -81,7 +81,7 @@ Json::Value library_json(const Library& lib) {
     if (lib.path.empty()) return Json::Value();
     Json::Value j;
     j["path"] = lib.path;
-    j["build_id"] = lib.build_id.empty() ? Json::Value() : Json::Value(lib.build_id);
+    j["build_id"] = json_or_null(lib.build_id);
     return j;
 }
 
