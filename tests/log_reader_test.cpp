@@ -145,6 +145,13 @@ std::vector<LoggedCommand> read_text(const std::string& text) {
     return out;
 }
 
+std::string answers_file_text(const std::vector<LoggedCommand>& commands,
+                              const std::string& source) {
+    AnswersFile file;
+    for (const LoggedCommand& c : commands) file.add(c);
+    return file.text(source);
+}
+
 std::string notes_of(const LoggedCommand& c) {
     std::string all;
     for (const std::string& n : c.notes) all += n + "; ";
@@ -894,8 +901,7 @@ TEST(LogReader, lines_handed_over_in_the_process) {
         LogReader reader([&](const LoggedCommand& c) { got.push_back(c); });
         tolven_utils_host_set_line_hook(
                 [](const tolven_utils_line* l, void* r) {
-                    static_cast<LogReader*>(r)->feed_message(l->pid, l->tid, l->time_ms,
-                                                             l->level == 1 ? 'E' : 'D', l->text);
+                    static_cast<LogReader*>(r)->feed_message(l->pid, l->tid, l->time_ms, l->text);
                 },
                 &reader);
         std::vector<Step> steps = every_path();

@@ -57,7 +57,7 @@ void LiveLog::on_line(const void* line, void* self) {
     const auto* l = static_cast<const HostLine*>(line);
     auto* live = static_cast<LiveLog*>(self);
     std::lock_guard<std::mutex> lock(live->mu_);
-    live->reader_.feed_message(l->pid, l->tid, l->time_ms, l->level == 1 ? 'E' : 'D', l->text);
+    live->reader_.feed_message(l->pid, l->tid, l->time_ms, l->text);
 }
 
 std::optional<LoggedCommand> LiveLog::returned() {

@@ -61,11 +61,4 @@ std::string AnswersFile::text(const std::string& source) const {
     return out;
 }
 
-std::string answers_file_text(const std::vector<LoggedCommand>& commands,
-                              const std::string& source) {
-    AnswersFile file;
-    for (const LoggedCommand& c : commands) file.add(c);
-    return file.text(source);
-}
-
 }  // namespace tolven_diag_tool

@@ -138,7 +138,6 @@ bool parse_after_tag(string_view rest, TraceLine* out) {
 // "L/tag( pid): message", as -v brief and -v time write it.
 bool parse_brief(string_view s, size_t p, TraceLine* out) {
     if (p + 1 >= s.size() || !is_level(s[p]) || s[p + 1] != '/') return false;
-    out->level = s[p];
     size_t from = p + 2;
     for (int tries = 0; tries < 4; ++tries) {
         size_t open = s.find('(', from);
@@ -167,7 +166,6 @@ bool parse_threadtime_rest(string_view s, size_t p, TraceLine* out) {
         if (t1.empty() || level.size() != 1 || !is_level(level[0])) return false;
     }
     if (!number(pid, &out->pid) || !number(tid, &out->tid)) return false;
-    out->level = level[0];
     return parse_after_tag(s.substr(p), out);
 }
 
@@ -177,7 +175,6 @@ bool parse_host_stderr(string_view s, TraceLine* out) {
     string_view tag = token(s, &p);
     skip_blanks(s, &p);
     if (tag.empty() || p + 2 >= s.size() || !is_level(s[p]) || s[p + 1] != ' ') return false;
-    out->level = s[p];
     p += 2;
     if (!parse_time(s, &p, false, out)) return false;
     if (!number(token(s, &p), &out->pid) || !number(token(s, &p), &out->tid)) return false;

@@ -24,7 +24,6 @@ struct TraceLine {
     int64_t time_ms = 0;
     int time_step_ms = 1;
     std::string_view time_text;
-    char level = 'D';
     int instance = -1;         // SUB[n]
     std::string_view process;  // [name]; empty with SUB[n] and RIL[...]
     std::string_view func;

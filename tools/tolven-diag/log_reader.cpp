@@ -220,8 +220,7 @@ struct Cmd {
     int64_t first_ms = 0, last_ms = 0, end_ms = 0;
     bool has_time = false;
     bool fine_time = false;
-    // The caller.
-    int caller_tid = -1;
+    // The caller (its tid is c.tid).
     bool caller_exited = false;
     bool checked = false;
     bool torn_down = false;
@@ -248,7 +247,6 @@ struct Cmd {
 };
 
 struct Proc {
-    int pid = -1;
     std::string process;
     int instance = -1;
     std::vector<Cmd*> cmds;  // not yet done, in start order
@@ -328,7 +326,6 @@ struct LogReader::Impl {
         }
         if (!slot) {
             slot = std::make_unique<Proc>();
-            slot->pid = t.pid;
             slot->process = std::string(t.process);
             slot->instance = t.instance;
         }
@@ -490,8 +487,8 @@ struct LogReader::Impl {
     // The owner of a dump line: by its thread's pending banner, check or stream record.
     Cmd* pending_owner(Proc& p, const TraceLine& t) {
         ThreadCtx& ctx = p.ctx[t.tid];
-        int len = int_after(t.message, "len(");
-        if (len < 0) len = int_after(t.message, "invalid data len(");
+        // Also "invalid data len(N)".
+        const int len = int_after(t.message, "len(");
         for (size_t i = ctx.pending.size(); i-- > 0;) {
             const Pending& pd = ctx.pending[i];
             if (pd.kind != Pending::kStream && pd.len == len) return pd.cmd;
@@ -531,7 +528,6 @@ struct LogReader::Impl {
         p.seen_entry = true;
         Cmd* cmd = new_cmd(p, t, sync ? CommandKind::kSync : CommandKind::kNoWait);
         cmd->c.tid = t.tid;
-        cmd->caller_tid = t.tid;
         set_mode(cmd, fn);
         if (t.tid >= 0) p.by_tid[t.tid] = cmd;
         return cmd;
@@ -561,7 +557,6 @@ struct LogReader::Impl {
             p.lock_holder = cmd;
         } else {
             cmd->c.tid = t.tid;
-            cmd->caller_tid = t.tid;
             cmd->checked = true;
             if (t.tid >= 0) p.by_tid[t.tid] = cmd;
             if (!no_wait) p.lock_holder = cmd;
@@ -581,7 +576,7 @@ struct LogReader::Impl {
         if (cmd->failed) return;
         cmd->failed = true;
         cmd->c.outcome = outcome;
-        if (outcome == LoggedOutcome::kDiagError && f.call.empty()) {
+        if (outcome == LoggedOutcome::kDiagError) {
             f.call = call;
             f.has_value = has_value;
             f.value = value;
@@ -807,7 +802,7 @@ struct LogReader::Impl {
             cmd->caller_exited = true;
             cmd->torn_down = true;
             if (t.has_time) cmd->end_ms = t.time_ms;
-            unbind(p, cmd->caller_tid, cmd);
+            unbind(p, cmd->c.tid, cmd);
             if (p.lock_holder == cmd) p.lock_holder = nullptr;
             if (!cmd->failed && !cmd->req_end) {
                 cmd->c.notes.push_back("the send ended without handing a reply over");
@@ -878,7 +873,7 @@ struct LogReader::Impl {
             cmd->caller_exited = true;
             if (cmd->c.result < 0) cmd->c.result = 0;
             if (t.has_time) cmd->end_ms = t.time_ms;
-            unbind(p, cmd->caller_tid, cmd);
+            unbind(p, cmd->c.tid, cmd);
             returned(cmd);
             maybe_done(cmd);
         }
@@ -961,9 +956,8 @@ struct LogReader::Impl {
             return;
         }
         if (fn == Fn::kHex) {
-            int len = int_after(m, "len(");
+            const int len = int_after(m, "len(");
             if (starts(m, "print_data_with_hex, invalid data len(")) {
-                len = int_after(m, "invalid data len(");
                 ctx.piece_known = false;
                 ctx.piece.clear();
             } else if (starts(m, "data hex show")) {
@@ -974,14 +968,11 @@ struct LogReader::Impl {
             } else {
                 return;
             }
-            // A stream record's dump is no piece of a response.
-            for (size_t i = ctx.pending.size(); i-- > 0;) {
-                if (ctx.pending[i].kind == Pending::kBanner && ctx.pending[i].len == len) {
-                    ctx.piece_len = len;
-                    ctx.pending.erase(ctx.pending.begin() + i);
-                    return;
-                }
+            if (drop_banner(ctx, len)) {
+                ctx.piece_len = len;
+                return;
             }
+            // A stream record's dump is no piece of a response.
             for (size_t i = ctx.pending.size(); i-- > 0;) {
                 if (ctx.pending[i].kind == Pending::kStream) {
                     ctx.pending.erase(ctx.pending.begin() + i);
@@ -1015,13 +1006,15 @@ struct LogReader::Impl {
         if (ctx.pending.size() > 8) ctx.pending.erase(ctx.pending.begin());
     }
 
-    static void drop_banner(ThreadCtx& ctx, int len) {
+    // Takes the latest banner of a response of |len| bytes off the thread's pending ones.
+    static bool drop_banner(ThreadCtx& ctx, int len) {
         for (size_t i = ctx.pending.size(); i-- > 0;) {
             if (ctx.pending[i].kind == Pending::kBanner && ctx.pending[i].len == len) {
                 ctx.pending.erase(ctx.pending.begin() + i);
-                return;
+                return true;
             }
         }
+        return false;
     }
 
     // A response stored: appended (a DCI piece while the store holds data) or in place of the
@@ -1204,8 +1197,7 @@ struct LogReader::Impl {
         } else if (cmd->failed) {
             c.result = 1;
         }
-        if (cmd->failed && c.outcome == LoggedOutcome::kRefused) c.result = 1;
-        if (elapsed_of(*cmd) >= 0) c.elapsed_ms = elapsed_of(*cmd);
+        c.elapsed_ms = elapsed_of(*cmd);
         if (c.kind == CommandKind::kSync && cmd->streams > 0) {
             c.notes.push_back(std::to_string(cmd->streams) +
                               " unsolicited log or event records came meanwhile");
@@ -1277,17 +1269,11 @@ void LogReader::feed(const char* data, size_t size) {
     impl_->splitter.feed(data, size);
 }
 
-void LogReader::feed_line(std::string_view line) {
-    impl_->line(line);
-}
-
-void LogReader::feed_message(int pid, int tid, int64_t epoch_ms, char level,
-                             std::string_view message) {
+void LogReader::feed_message(int pid, int tid, int64_t epoch_ms, std::string_view message) {
     TraceLine t;
     if (!parse_trace_prefix(message, &t)) return;
     t.pid = pid;
     t.tid = tid;
-    t.level = level;
     std::string text = logcat_time_text(epoch_ms, &t.time_ms);
     t.has_time = true;
     t.time_text = text;
@@ -1300,10 +1286,6 @@ void LogReader::on_return(Sink sink) {
 
 void LogReader::finish() {
     impl_->splitter.finish();
-    impl_->cut();
-}
-
-void LogReader::cut() {
     impl_->cut();
 }
 

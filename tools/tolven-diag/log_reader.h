@@ -113,19 +113,14 @@ class LogReader {
 
     // Bytes of a log, in pieces of any size.
     void feed(const char* data, size_t size);
-    // One line of a log, without its newline.
-    void feed_line(std::string_view line);
     // A line of a live process: its own pid, tid and wall-clock time, and the message as the
     // library wrote it to the system log.
-    void feed_message(int pid, int tid, int64_t epoch_ms, char level, std::string_view message);
+    void feed_message(int pid, int tid, int64_t epoch_ms, std::string_view message);
     // |sink| also gets each command as its call returns to the caller, with the result that it
     // returned; a timer or a worker may still add lines to it (a live send's account).
     void on_return(Sink sink);
     // The end of the log: every command still open is handed over with a note.
     void finish();
-    // A new piece of log whose processes are not the earlier ones' (another section of a
-    // bugreport): what is open ends as at finish().
-    void cut();
 
     LogSummary summary() const;
     // Commands held: the ones in flight and the completed ones that wait for an earlier one.
@@ -169,8 +164,5 @@ class AnswersFile {
     std::map<std::string, size_t> index_;
     std::string unknown_;  // comments on answers the log has no bytes of
 };
-
-// The same for commands at hand.
-std::string answers_file_text(const std::vector<LoggedCommand>& commands, const std::string& source);
 
 }  // namespace tolven_diag_tool
